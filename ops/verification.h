@@ -1,0 +1,33 @@
+// Are the rules in the kernel those that a command document asks for? The document is loaded a
+// second time, by the same tools into the same base chains, in a network namespace that exists for
+// the comparison only: so the two listings are in the same words, and a rule that the tools refuse
+// is missing from both.
+
+#ifndef TARNFW_OPS_VERIFICATION_H
+#define TARNFW_OPS_VERIFICATION_H
+
+#include <string>
+#include <vector>
+
+#include <json/value.h>
+
+namespace ops {
+
+// The outcome of a comparison.
+//   compared     false: it could not be made, `reason` says why
+//   differences  "-" + rule that ought to be there and is not, "+" + rule that is there and ought
+//   not to be;
+//                a rule starts with its tool
+struct Verification {
+  bool compared = false;
+  std::string reason;
+  std::vector<std::string> differences;
+};
+
+// Compares FIREWALL_RELOADING, INPUT_FIREWALL and FORWARD_FIREWALL of both families with what base
+// chains and the lines of `commands` give. A null document asks for empty firewall chains.
+Verification verifyLiveRules(const Json::Value& commands);
+
+}  // namespace ops
+
+#endif

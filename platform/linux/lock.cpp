@@ -1,0 +1,138 @@
+// A lock file in a directory where every local user may make files. The file is only used when
+// nobody but its owner and root can have opened it; anything else under its name is moved away.
+//
+// Two locks are taken on the one descriptor. The record lock excludes programs that use fcntl
+// locks, the flock those that use flock. Both belong to the open file, so threads exclude each
+// other and the lock is not lost when some other descriptor of the file is closed.
+
+#include "lock.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "cancellation.h"
+#include "clock.h"
+#include "descriptor.h"
+#include "trustedPath.h"
+
+using tarnplatform::clearName;
+using tarnplatform::isOwnFile;
+using tarnplatform::openPlace;
+using tarnplatform::Place;
+using tarnrun::Descriptor;
+
+namespace {
+
+constexpr int kExclusive = 1;
+constexpr mode_t kMode = 0600;  // whoever can open the file can lock it
+constexpr int kImmediateAttempts = 8;
+
+enum class Attempt { kHeld, kBusy, kMoved, kFailed };
+
+bool setRecordLock(int fd, short type) {
+  struct flock lock = {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  return fcntl(fd, F_OFD_SETLK, &lock) == 0;
+}
+
+bool isSquatted(int error) {
+  return error == ELOOP || error == EISDIR || error == ENXIO || error == ENODEV;
+}
+
+// The lock file, made when it is absent. Invalid with errno set; EEXIST: the name has changed
+// meanwhile or was cleared, try again. A first open without O_CREAT: the kernel refuses O_CREAT on
+// a foreign file in a sticky directory even to root, so that any user could keep the lock from ever
+// being taken.
+Descriptor openLockFile(const Place& place, const char* path) {
+  const int directory = place.directory.get();
+  Descriptor file(openat(directory, place.name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!file.valid() && errno == ENOENT) {
+    return Descriptor(
+        openat(directory, place.name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode));
+  }
+  if (!file.valid() && !isSquatted(errno)) {
+    return file;
+  }
+  struct stat status = {};
+  if (!file.valid() || fstat(file.get(), &status) != 0 || !isOwnFile(status)) {
+    file.reset();
+    if (clearName(directory, place.name, path)) {
+      errno = EEXIST;
+    }
+    return file;
+  }
+  if ((status.st_mode & 07777) != kMode && fchmod(file.get(), kMode) != 0) {
+    file.reset();
+  }
+  return file;
+}
+
+// True when the path still leads to the opened file.
+bool isStill(const Place& place, int fd) {
+  struct stat opened = {};
+  struct stat named = {};
+  return fstat(fd, &opened) == 0 &&
+         fstatat(place.directory.get(), place.name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+         opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
+
+Attempt tryLock(const char* path, Descriptor* lock) {
+  Place place;
+  if (!openPlace(path, &place)) {
+    return Attempt::kFailed;
+  }
+  Descriptor file = openLockFile(place, path);
+  if (!file.valid()) {
+    return errno == EEXIST || errno == EINTR ? Attempt::kMoved : Attempt::kFailed;
+  }
+  if (flock(file.get(), LOCK_EX | LOCK_NB) != 0 || !setRecordLock(file.get(), F_WRLCK)) {
+    const bool busy = errno == EWOULDBLOCK || errno == EACCES || errno == EINTR;
+    return busy ? Attempt::kBusy : Attempt::kFailed;
+  }
+  if (!isStill(place, file.get())) {
+    return Attempt::kMoved;
+  }
+  *lock = static_cast<Descriptor&&>(file);
+  return Attempt::kHeld;
+}
+
+}  // namespace
+
+int TLIBCFileLockTimeByFile(const char* path, int mode, int seconds, int* fd) {
+  if (path == nullptr || fd == nullptr || mode != kExclusive || seconds < 0) {
+    errno = EINVAL;
+    return 0;
+  }
+  const tarnrun::CancellationHold noCancellation;
+  const int64_t deadline = tarnrun::monotonicNow() + seconds * tarnrun::kNanosecondsPerSecond;
+  for (int moves = 0;;) {
+    Descriptor lock;
+    const Attempt attempt = tryLock(path, &lock);
+    if (attempt == Attempt::kHeld) {
+      *fd = lock.release();
+      return 1;
+    }
+    if (attempt == Attempt::kFailed) {
+      return 0;
+    }
+    if (attempt == Attempt::kMoved && ++moves <= kImmediateAttempts) {
+      continue;
+    }
+    if (tarnrun::monotonicNow() >= deadline) {
+      errno = ETIMEDOUT;
+      return 0;
+    }
+    tarnrun::sleepBetweenAttempts();
+  }
+}
+
+int TLIBCFileUnlockByFile(int fd) {
+  const tarnrun::CancellationHold noCancellation;
+  // Unlocked before it is closed: a process forked meanwhile may hold a copy of the descriptor.
+  const bool unlocked = setRecordLock(fd, F_UNLCK) && flock(fd, LOCK_UN) == 0;
+  return close(fd) == 0 && unlocked ? 1 : 0;
+}

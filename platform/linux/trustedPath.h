@@ -1,0 +1,33 @@
+// Names in directories where every local user may make files.
+
+#ifndef TARN_PLATFORM_LINUX_TRUSTEDPATH_H
+#define TARN_PLATFORM_LINUX_TRUSTEDPATH_H
+
+#include <sys/stat.h>
+
+#include "descriptor.h"
+
+namespace tarnplatform {
+
+// A path split into its directory, held open so that it cannot be exchanged between two steps, and
+// the name in it.
+struct Place {
+  tarnrun::Descriptor directory;
+  const char* name = "";  // points into the path
+  bool shared = false;    // others may make files in the directory
+};
+
+// False with errno set when the directory cannot be opened or there is no name.
+bool openPlace(const char* path, Place* place);
+
+// True for what a file in a shared directory must be: a regular file with one link that belongs to
+// the caller or to root.
+bool isOwnFile(const struct stat& status);
+
+// Frees the name from what stands there and is not an own file: a directory is renamed, anything
+// else is unlinked. Says so in the log under `path`. False with errno set when it cannot be freed.
+bool clearName(int directory, const char* name, const char* path);
+
+}  // namespace tarnplatform
+
+#endif

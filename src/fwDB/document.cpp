@@ -1,0 +1,118 @@
+// The profile document:
+//
+//   {
+//      "adapterPolicyMap" : { "eth0" : 1, "global" : 2 },
+//      "name" : "office",
+//      "rules" : {
+//         "eth0" : [ { "ruleIndex" : 0, "enable" : true, "adapterDirect" : 1, ... } ]
+//      }
+//   }
+//
+// Reader and writer differ on purpose: "ruleIndex" is written and not read, "ruleID" is read and
+// not written, and the reader starts every rule from the two default chains.
+
+#include <utility>
+
+#include <json/value.h>
+
+#include "tarnfirewall.h"
+
+namespace FW {
+namespace {
+
+template <class Texts>
+Json::Value textsToJson(const Texts& texts) {
+  Json::Value array(Json::arrayValue);
+  for (const std::string& text : texts) array.append(text);
+  return array;
+}
+
+Json::Value ruleToJson(const FWRULE& rule, Json::ArrayIndex position) {
+  Json::Value object(Json::objectValue);
+  object["ruleIndex"] = position;
+  object["enable"] = rule.enable;
+  object["adapterDirect"] = rule.adapterDirect;
+  object["protocol"] = static_cast<Json::Int>(rule.protocol);
+  object["policy"] = static_cast<Json::Int>(rule.policy);
+  object["blLog"] = rule.blLog;
+  object["name"] = rule.name;
+  object["table"] = rule.table;
+  object["labelList"] = textsToJson(rule.labelList);
+  object["chainList"] = textsToJson(rule.chainList);
+  object["ipType"] = rule.ipType;
+  object["ipDirect"] = rule.ipDirect;
+  object["ipGroup"] = rule.ipGroup;
+  object["ipList"] = textsToJson(rule.ipList);
+  object["portDirect"] = rule.portDirect;
+  object["portGroup"] = rule.portGroup;
+  object["portList"] = textsToJson(rule.portList);
+  return object;
+}
+
+void appendTexts(const Json::Value& array, std::vector<std::string>& texts) {
+  for (const Json::Value& text : array) texts.push_back(text.asString());
+}
+
+FWRULE jsonToRule(const Json::Value& object) {
+  FWRULE rule;
+  rule.ruleID = object["ruleID"].asInt();
+  rule.enable = object["enable"].asBool();
+  rule.adapterDirect = object["adapterDirect"].asInt();
+  rule.protocol = static_cast<FW_PORT_PROTOCOL>(object["protocol"].asInt());
+  rule.policy = static_cast<FW_POLICY>(object["policy"].asInt());
+  rule.blLog = object["blLog"].asBool();
+  rule.name = object["name"].asString();
+  rule.table = object["table"].asString();
+  appendTexts(object["labelList"], rule.labelList);
+  // Kept: the listed chains join the two default chains, they do not replace them.
+  for (const Json::Value& chain : object["chainList"]) rule.chainList.insert(chain.asString());
+  rule.ipType = object["ipType"].asInt();
+  rule.ipDirect = object["ipDirect"].asInt();
+  rule.ipGroup = object["ipGroup"].asInt();
+  appendTexts(object["ipList"], rule.ipList);
+  rule.portDirect = object["portDirect"].asInt();
+  rule.portGroup = object["portGroup"].asInt();
+  appendTexts(object["portList"], rule.portList);
+  return rule;
+}
+
+}  // namespace
+
+void TARNFW_JSON_DB::profileToJson(const FWPROFILE& profile, Json::Value& out) {
+  out["name"] = profile.name;
+  ruleListToJson(profile.rules, out["rules"]);
+  Json::Value& policies = out["adapterPolicyMap"] = Json::Value();
+  for (const auto& [adapter, policy] : profile.adapterPolicyMap) {
+    policies[adapter] = static_cast<Json::Int>(policy);
+  }
+}
+
+void TARNFW_JSON_DB::ruleListToJson(const RuleList& rules, Json::Value& out) {
+  for (const auto& [adapter, list] : rules) {
+    if (list.empty()) continue;  // leaves no member
+    Json::Value& array = out[adapter];
+    if (array.isNull()) array = Json::Value(Json::arrayValue);
+    for (Json::ArrayIndex position = 0; position < list.size(); ++position) {
+      array.append(ruleToJson(list[position], position));
+    }
+  }
+}
+
+void TARNFW_JSON_DB::jsonToProfile(const Json::Value& doc, FWPROFILE& profile) {
+  profile.name = doc["name"].asString();
+  jsonToRuleList(doc["rules"], profile.rules);
+  const Json::Value& policies = doc["adapterPolicyMap"];
+  for (const std::string& adapter : policies.getMemberNames()) {
+    profile.adapterPolicyMap[adapter] = static_cast<FW_POLICY>(policies[adapter].asInt());
+  }
+}
+
+void TARNFW_JSON_DB::jsonToRuleList(const Json::Value& value, RuleList& rules) {
+  for (const std::string& adapter : value.getMemberNames()) {
+    for (const Json::Value& object : value[adapter]) {
+      rules[adapter].push_back(jsonToRule(object));
+    }
+  }
+}
+
+}  // namespace FW

@@ -1,0 +1,230 @@
+// Verbs that change what the kernel filters.
+
+#include "lifecycleVerbs.h"
+
+#include "logCapture.h"
+#include "ops/baseChains.h"
+#include "ops/executionLock.h"
+#include "ops/plan.h"
+#include "ops/profileStore.h"
+#include "ops/readiness.h"
+#include "ops/recovery.h"
+#include "ops/settings.h"
+#include "tarnfirewall.h"
+#include "verbs.h"
+
+namespace tarnfw {
+namespace {
+
+constexpr char kBusyWords[] = "another reload holds the execution lock";
+
+Json::Value commandTexts(const std::vector<ops::Command>& commands) {
+  Json::Value texts(Json::arrayValue);
+  for (const ops::Command& command : commands) texts.append(command.text());
+  return texts;
+}
+
+void noteCommands(const std::vector<ops::Command>& commands, Answer& answer) {
+  for (const ops::Command& command : commands) answer.notes.push_back("ran " + command.text());
+}
+
+void addRefusals(const ops::Refusals& refusals, Answer& answer) {
+  answer.document["refused"] = ops::toJson(refusals)["first"];
+  answer.document["refusedCount"] = refusals.count;
+  for (const ops::Refusal& refusal : refusals.first) {
+    answer.notes.push_back("refused: " + refusal.command + ": " + refusal.words);
+  }
+  const auto shown = static_cast<int>(refusals.first.size());
+  if (refusals.count > shown) {
+    answer.notes.push_back("and " + std::to_string(refusals.count - shown) +
+                           " more, which the system log has");
+  }
+}
+
+void addRecovery(const ops::Recovery& recovery, Answer& answer) {
+  answer.document["recovered"] = commandTexts(recovery.commands);
+  if (recovery.commands.empty()) return;
+  answer.notes.emplace_back("a reload that did not end left the policies closed; opened them");
+  noteCommands(recovery.commands, answer);
+}
+
+// False with `answer` filled when the profile does not compile.
+bool compileProfile(const std::string& name, Json::Value& commands, Answer& answer) {
+  if (FW::TARNFW().fwIptablesRulesEnum(name, commands, /*withState=*/true)) return true;
+  answer = failed("profile '" + name + "' does not compile");
+  return false;
+}
+
+// The plan of an operation that loads the active profile.
+Answer planned(ops::Plan (*plan)(const Json::Value& commands), const std::string& profile) {
+  Answer answer;
+  Json::Value commands;
+  if (!compileProfile(profile, commands, answer)) return answer;
+  return planAnswer(plan(commands));
+}
+
+// False with `answer` filled when the settings cannot be read.
+bool settingsFor(ops::Settings& settings, Answer& answer) {
+  std::string reason;
+  if (ops::readSettings(settings, reason)) return true;
+  answer = failed(reason);
+  return false;
+}
+
+}  // namespace
+
+Answer planAnswer(const ops::Plan& plan) {
+  Answer answer;
+  answer.document["dryRun"] = true;
+  answer.document["steps"] = plan.steps();
+  answer.text = plan.text();
+  return answer;
+}
+
+Answer supervisedAnswer(const ops::Supervised& outcome) {
+  Answer answer;
+  switch (outcome.verdict) {
+    case ops::Supervised::Verdict::kDone:
+      break;
+    case ops::Supervised::Verdict::kFailed:
+      answer = failed(outcome.reason);
+      break;
+    case ops::Supervised::Verdict::kBusy:
+      answer = failed(outcome.reason, kBusy);
+      break;
+  }
+  for (const std::string& line : withoutProgramName(outcome.messages)) answer.notes.push_back(line);
+  addRecovery(outcome.recovery, answer);
+  addRefusals(outcome.refusals, answer);
+  return answer;
+}
+
+Answer setUp(const Request& request) {
+  const ops::BaseChains chains = request.dryRun ? ops::planBaseChains() : ops::setUpBaseChains();
+  const ops::Seed seed = request.dryRun ? ops::planSeed() : ops::seedProfile();
+  const std::vector<std::string> problems = ops::readinessProblems();
+
+  Answer answer;
+  if (request.dryRun) {
+    ops::Plan plan;
+    plan.run(chains.commands);
+    if (!seed.file.empty()) plan.change({seed.file, Json::Value(), seed.document});
+    answer = planAnswer(plan);
+  } else {
+    answer.document["commands"] = commandTexts(chains.commands);
+    answer.document["seeded"] = seed.file.empty() ? Json::Value() : Json::Value(seed.file);
+    noteCommands(chains.commands, answer);
+    if (!seed.file.empty() && seed.error.empty()) answer.notes.push_back("wrote " + seed.file);
+  }
+  answer.document["problems"] = Json::Value(Json::arrayValue);
+  for (const std::string& problem : problems) {
+    answer.document["problems"].append(problem);
+    answer.notes.push_back("warning: " + problem);
+  }
+  for (const std::string& error : chains.errors) answer.notes.push_back(error);
+  if (!chains.errors.empty()) {
+    answer.exit = chains.busy ? kBusy : kFailed;
+    answer.error = "the base chains are not complete";
+  } else if (!seed.error.empty()) {
+    answer.exit = kFailed;
+    answer.error = "no first profile: " + seed.error;
+  }
+  return answer;
+}
+
+Answer enable(const Request& request) {
+  ops::Settings settings;
+  Answer answer;
+  if (!request.dryRun) return supervisedAnswer(ops::enableFirewall());
+  if (!settingsFor(settings, answer)) return answer;
+  return planned(ops::planEnable, settings.profile);
+}
+
+Answer disable(const Request& request) {
+  if (request.dryRun) return planAnswer(ops::planDisable());
+  return supervisedAnswer(ops::disableFirewall());
+}
+
+Answer reload(const Request& request) {
+  ops::Settings settings;
+  Answer answer;
+  if (!settingsFor(settings, answer)) return answer;
+  if (settings.enabled) {
+    return request.dryRun ? planned(ops::planReload, settings.profile)
+                          : supervisedAnswer(ops::reloadFirewall());
+  }
+  answer = request.dryRun ? planAnswer({}) : supervisedAnswer(ops::reloadFirewall());
+  answer.notes.emplace_back("the firewall is off, nothing is loaded");
+  return answer;
+}
+
+Answer clear(const Request& request) {
+  if (request.dryRun) return planAnswer(ops::planClear());
+  ops::clearRefusals();
+  const bool cleared = FW::TARNFW().fwClear();
+  const ops::Refusals refused = ops::refusals();
+  Answer answer;
+  if (!cleared || refused.count > 0) answer = failed("not every chain was emptied");
+  addRefusals(refused, answer);
+  return answer;
+}
+
+Answer recover(const Request& request) {
+  ops::Settings settings;
+  Answer answer;
+  if (!settingsFor(settings, answer)) return answer;
+
+  ops::ExecutionLock lock;
+  if (!lock.held()) return failed(kBusyWords, kBusy);
+  ops::LiveFilter filter;
+  const ops::Recovery recovery = request.dryRun ? ops::planRecovery() : ops::recover(filter);
+  lock.release();
+
+  const bool reloads = !recovery.commands.empty() && settings.enabled;
+  if (request.dryRun) {
+    ops::Plan plan;
+    plan.run(recovery.commands);
+    if (reloads) {
+      Json::Value commands;
+      if (!compileProfile(settings.profile, commands, answer)) return answer;
+      plan.add(ops::planReload(commands));
+    }
+    answer = planAnswer(plan);
+  } else if (reloads && recovery.errors.empty()) {
+    answer = supervisedAnswer(ops::reloadFirewall());
+  }
+  answer.document["marks"] = static_cast<Json::UInt64>(recovery.marks);
+  answer.document["reloaded"] = reloads && !request.dryRun && answer.error.empty();
+  if (!request.dryRun) addRecovery(recovery, answer);
+  if (recovery.commands.empty()) answer.notes.emplace_back("nothing to undo");
+  for (const std::string& error : recovery.errors) answer.notes.push_back(error);
+  if (!recovery.errors.empty()) {
+    answer.exit = kFailed;
+    answer.error = "the policies could not be opened or checked";
+  }
+  return answer;
+}
+
+Answer profileUse(const Request& request) {
+  const std::string& name = request.value("NAME");
+  ops::Settings settings;
+  Answer answer;
+  if (!settingsFor(settings, answer)) return answer;
+  if (!FW::TARNFW_PROFILE().profileExist(name)) return failed("there is no profile '" + name + "'");
+  const bool loads = settings.enabled && !request.has("--no-reload");
+  if (request.dryRun) {
+    Json::Value commands;
+    ops::Plan plan;
+    plan.set(ops::settingsFile(), "profile", name);
+    if (loads && !compileProfile(name, commands, answer)) return answer;
+    if (loads) plan.add(ops::planReload(commands));
+    return planAnswer(plan);
+  }
+  if (loads) return supervisedAnswer(ops::useProfile(name));
+  if (!FW::TARNFW().fwProfileConfigSet(name, /*reload=*/false)) {
+    return failed("could not make '" + name + "' the active profile");
+  }
+  return answer;
+}
+
+}  // namespace tarnfw

@@ -1,0 +1,64 @@
+#include "verbs.h"
+
+#include <utility>
+
+namespace tarnfw {
+
+Answer failed(std::string error, int exit) {
+  Answer answer;
+  answer.exit = exit;
+  answer.error = std::move(error);
+  return answer;
+}
+
+const std::vector<Verb>& verbs() {
+  // clang-format off
+  static const std::vector<Verb> kVerbs = {
+      {"setup", "", "Make the base chains and a first profile where they are missing; say what else is",
+       Root::kAlways, Effect::kChanges, setUp},
+      {"enable", "", "Switch the firewall on and load the active profile",
+       Root::kAlways, Effect::kChanges, enable},
+      {"disable", "", "Switch the firewall off",
+       Root::kAlways, Effect::kChanges, disable},
+      {"reload", "", "Load the active profile anew when the firewall is on",
+       Root::kAlways, Effect::kChanges, reload},
+      {"clear", "", "Empty the firewall chains; the firewall stays on or off",
+       Root::kToChange, Effect::kChanges, clear},
+      {"recover", "", "Undo what a reload that was killed left behind",
+       Root::kAlways, Effect::kChanges, recover},
+      {"status", "[--verify]", "Show whether the firewall is on; compare the live rules with the profile",
+       Root::kAlways, Effect::kReads, status},
+      {"compile", "PROFILE [--no-state] [--exempt ADDRESS]", "Print the commands that load a profile",
+       Root::kAlways, Effect::kReads, compile},
+      {"profile list", "", "List the profiles",
+       Root::kAlways, Effect::kReads, profileList},
+      {"profile show", "NAME", "Show a profile's rules",
+       Root::kAlways, Effect::kReads, profileShow},
+      {"profile create", "NAME", "Store a new, empty profile",
+       Root::kAlways, Effect::kChanges, profileCreate},
+      {"profile delete", "NAME", "Delete a profile that is not the active one",
+       Root::kAlways, Effect::kChanges, profileDelete},
+      {"profile rename", "OLD NEW", "Give a profile another name",
+       Root::kAlways, Effect::kChanges, profileRename},
+      {"profile use", "NAME [--no-reload]", "Make a profile the active one and load it when the firewall is on",
+       Root::kAlways, Effect::kChanges, profileUse},
+      {"update", "", "Take services that no longer exist out of every profile; does not reload",
+       Root::kAlways, Effect::kChanges, update},
+      {"adapter list", "", "List the adapters that rules can be filed under",
+       Root::kNever, Effect::kReads, adapterList},
+      {"service list", "", "List the services that rules can name",
+       Root::kNever, Effect::kReads, serviceList},
+      {"country list", "", "List the countries whose address ranges are installed",
+       Root::kNever, Effect::kReads, countryList},
+      {"country ranges", "CODE [--ipv6]", "Print a country's address ranges",
+       Root::kNever, Effect::kReads, countryRanges},
+      {"modules load", "core|nat SERVICE", "Load a set of kernel modules on behalf of a service",
+       Root::kToChange, Effect::kChanges, modulesLoad},
+      {"modules unload", "core|nat SERVICE", "Unload a set of kernel modules on behalf of a service",
+       Root::kToChange, Effect::kChanges, modulesUnload},
+  };
+  // clang-format on
+  return kVerbs;
+}
+
+}  // namespace tarnfw
