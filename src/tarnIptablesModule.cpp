@@ -15,6 +15,7 @@
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/split.hpp>
 
+#include "cEntry.h"
 #include "constants.h"
 #include "error.h"
 #include "files.h"
@@ -23,6 +24,7 @@
 #include "log.h"
 #include "strlist.h"
 #include "tarnfirewall.h"
+#include "tarnfirewall_c.h"
 
 namespace FW {
 namespace {
@@ -158,6 +160,16 @@ bool natSetGet(Modules& nat) {
   return here().fail("Failed to natModuleLoad()");
 }
 
+// A C entry point: 0, or -1 for a failure and for a name that is not there.
+int changeFor(const char* entryPoint, const char* servName,
+              bool (*operation)(const std::string& servName)) {
+  if (servName == nullptr) {
+    here().error("servName is NULL");
+    return -1;
+  }
+  return guarded(here(), entryPoint, -1, [&] { return operation(servName) ? 0 : -1; });
+}
+
 }  // namespace
 
 bool TARN_IPTABLES_MODULES::isModuleLoad(const std::string& servName) {
@@ -231,3 +243,19 @@ bool TARN_IPTABLES_MODULES::iptablesNATModUnload(const std::string& servName) {
 }
 
 }  // namespace FW
+
+int TARNIptablesCodeModeLoad(const char* servName) {
+  return FW::changeFor(__func__, servName, FW::TARN_IPTABLES_MODULES::iptablesCoreModLoad);
+}
+
+int TARNIptablesCoreModUnload(const char* servName) {
+  return FW::changeFor(__func__, servName, FW::TARN_IPTABLES_MODULES::iptablesCoreModUnload);
+}
+
+int TARNIptablesNATModLoad(const char* servName) {
+  return FW::changeFor(__func__, servName, FW::TARN_IPTABLES_MODULES::iptablesNATModLoad);
+}
+
+int TARNIptablesNATModUnload(const char* servName) {
+  return FW::changeFor(__func__, servName, FW::TARN_IPTABLES_MODULES::iptablesNATModUnload);
+}

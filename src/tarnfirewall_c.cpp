@@ -1,14 +1,12 @@
 #include "tarnfirewall_c.h"
 
-#include <cxxabi.h>
-
-#include <exception>
 #include <string>
 #include <vector>
 
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
 
+#include "cEntry.h"
 #include "error.h"
 #include "log.h"
 #include "tarnfirewall.h"
@@ -25,67 +23,26 @@ constexpr int kReload = 1;  // value of a reload flag; any other number does not
 
 constexpr int kBadParameter = 0x0D00;  // the platform's error code
 
-// Calls `operation`; a C caller cannot receive an exception, so it is logged and becomes the
-// failure value. The cancellation of a thread unwinds as an exception too, and must go on.
-template <class Operation>
-int guarded(const char* entryPoint, int failed, Operation operation) {
-  try {
-    return operation();
-  } catch (const abi::__forced_unwind&) {
-    throw;
-  } catch (const std::exception& reason) {
-    here().error("Failed to %s: %s", entryPoint, reason.what());
-  } catch (...) {
-    here().error("Failed to %s: %s", entryPoint, "unknown exception");
-  }
-  return failed;
-}
-
-int changeModules(const char* entryPoint, const char* servName,
-                  bool (*operation)(const std::string& servName)) {
-  if (servName == nullptr) {
-    here().error("servName is NULL");
-    return kFailed;
-  }
-  return guarded(entryPoint, kFailed, [&] { return operation(servName) ? kDone : kFailed; });
-}
-
 }  // namespace
 
-int TARNIptablesCodeModeLoad(const char* servName) {
-  return changeModules(__func__, servName, FW::TARN_IPTABLES_MODULES::iptablesCoreModLoad);
-}
-
-int TARNIptablesCoreModUnload(const char* servName) {
-  return changeModules(__func__, servName, FW::TARN_IPTABLES_MODULES::iptablesCoreModUnload);
-}
-
-int TARNIptablesNATModLoad(const char* servName) {
-  return changeModules(__func__, servName, FW::TARN_IPTABLES_MODULES::iptablesNATModLoad);
-}
-
-int TARNIptablesNATModUnload(const char* servName) {
-  return changeModules(__func__, servName, FW::TARN_IPTABLES_MODULES::iptablesNATModUnload);
-}
-
 int TARNFwRuleHup() {
-  return guarded(__func__, kFailed, [] {
+  return guarded(here(), __func__, kFailed, [] {
     return FW::TARNFW().fwUpdate() && FW::TARNFW().fwReload(/*withState=*/true) ? kDone : kFailed;
   });
 }
 
 void TARNFwReset() {
-  (void)guarded(__func__, kFailed, [] { return FW::TARNFW().fwReset() ? kDone : kFailed; });
+  (void)guarded(here(), __func__, kFailed, [] { return FW::TARNFW().fwReset() ? kDone : kFailed; });
 }
 
 int TLIBFwServRemoveRec(const char* service) {
-  return guarded(__func__, kFailed, [service] {
+  return guarded(here(), __func__, kFailed, [service] {
     return FW::TARNFW_PROFILE().profileRemoveServ(service) ? kDone : kFailed;
   });
 }
 
 int TLIBFwChangeAdatper(const char* oldAdapter, const char* newAdapter, int reload) {
-  return guarded(__func__, kFailed, [=] {
+  return guarded(here(), __func__, kFailed, [=] {
     return FW::TARNFW_PROFILE().profileChangeAdapter(oldAdapter, newAdapter, reload == kReload)
                ? kDone
                : kFailed;
@@ -99,7 +56,7 @@ int TARNFwPortsCheckAllowByAdapter(const char* adapter, const char* serv) {
                  TLIBCErrorGetFile(), TLIBCErrorGetLine());
     return kFailed;
   }
-  return guarded(__func__, kFailed, [=] {
+  return guarded(here(), __func__, kFailed, [=] {
     FW::AdapterPolicyMap verdicts;
     if (!FW::TARNFW().fwServIsBlocked(serv, adapter == nullptr ? "" : adapter, verdicts)) {
       here().error("Failed to check %s is block or not", serv);
@@ -117,7 +74,7 @@ int TLIBFwRuleReserveServInsert(const char* services, int allow, int reload) {
     TLIBCErrSetEx(kBadParameter, __FILE__, __LINE__);
     return kFailed;
   }
-  return guarded(__func__, kFailed, [=] {
+  return guarded(here(), __func__, kFailed, [=] {
     // Kept: adjacent commas give an empty name, which is passed on.
     std::vector<std::string> names;
     boost::algorithm::split(names, std::string(services), boost::algorithm::is_any_of(","),

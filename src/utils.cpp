@@ -169,8 +169,12 @@ class DocumentLock {
     if (!file_->open()) throw interprocess_exception(error_info(errno));
     const int expected = nextDescriptor();
     const std::string checked = "/proc/self/fd/" + std::to_string(file_->get());
-    const bool byDescriptor = access(checked.c_str(), F_OK) == 0;
-    lock_.emplace((byDescriptor ? checked : path_).c_str());
+    try {
+      lock_.emplace(checked.c_str());
+    } catch (const interprocess_exception&) {
+      if (access(checked.c_str(), F_OK) == 0) throw;
+      lock_.emplace(path_.c_str());  // there is no /proc
+    }
     if (closeOnExec(expected, file_->get())) return;
     for (int number = 0; number < kDescriptorsSearched; ++number) {
       if (closeOnExec(number, file_->get())) return;

@@ -11,6 +11,8 @@
 // Reader and writer differ on purpose: "ruleIndex" is written and not read, "ruleID" is read and
 // not written, and the reader starts every rule from the two default chains.
 
+#include <array>
+#include <string_view>
 #include <utility>
 
 #include <json/value.h>
@@ -53,26 +55,76 @@ void appendTexts(const Json::Value& array, std::vector<std::string>& texts) {
   for (const Json::Value& text : array) texts.push_back(text.asString());
 }
 
+// The members of a rule object that are read, in byte order, which is the order that jsoncpp keeps
+// them in: one walk finds all of them, in less than half the time that a look-up each takes.
+enum Member {
+  kAdapterDirect,
+  kBlLog,
+  kChainList,
+  kEnable,
+  kIpDirect,
+  kIpGroup,
+  kIpList,
+  kIpType,
+  kLabelList,
+  kName,
+  kPolicy,
+  kPortDirect,
+  kPortGroup,
+  kPortList,
+  kProtocol,
+  kRuleId,
+  kTable,
+  kMembers
+};
+
+constexpr std::array<std::string_view, kMembers> kMemberNames = {
+    "adapterDirect", "blLog",    "chainList", "enable", "ipDirect", "ipGroup",
+    "ipList",        "ipType",   "labelList", "name",   "policy",   "portDirect",
+    "portGroup",     "portList", "protocol",  "ruleID", "table"};
+
+using Members = std::array<const Json::Value*, kMembers>;
+
+// Points at the members of `object`; those that are absent are null values.
+Members membersOf(const Json::Value& object) {
+  Members members;
+  members.fill(&Json::Value::nullSingleton());
+  if (!object.isObject()) {
+    (void)object[kMemberNames[kRuleId].data()];  // throws unless it is null, which has no members
+    return members;
+  }
+  std::size_t next = 0;
+  for (Json::Value::const_iterator member = object.begin(); member != object.end(); ++member) {
+    const char* end = nullptr;
+    const char* begin = member.memberName(&end);
+    const std::string_view name(begin, static_cast<std::size_t>(end - begin));
+    while (next < kMembers && kMemberNames[next] < name) ++next;
+    if (next < kMembers && kMemberNames[next] == name) members[next] = &*member;
+  }
+  return members;
+}
+
 FWRULE jsonToRule(const Json::Value& object) {
+  const Members members = membersOf(object);
   FWRULE rule;
-  rule.ruleID = object["ruleID"].asInt();
-  rule.enable = object["enable"].asBool();
-  rule.adapterDirect = object["adapterDirect"].asInt();
-  rule.protocol = static_cast<FW_PORT_PROTOCOL>(object["protocol"].asInt());
-  rule.policy = static_cast<FW_POLICY>(object["policy"].asInt());
-  rule.blLog = object["blLog"].asBool();
-  rule.name = object["name"].asString();
-  rule.table = object["table"].asString();
-  appendTexts(object["labelList"], rule.labelList);
+  rule.ruleID = members[kRuleId]->asInt();
+  rule.enable = members[kEnable]->asBool();
+  rule.adapterDirect = members[kAdapterDirect]->asInt();
+  rule.protocol = static_cast<FW_PORT_PROTOCOL>(members[kProtocol]->asInt());
+  rule.policy = static_cast<FW_POLICY>(members[kPolicy]->asInt());
+  rule.blLog = members[kBlLog]->asBool();
+  rule.name = members[kName]->asString();
+  rule.table = members[kTable]->asString();
+  appendTexts(*members[kLabelList], rule.labelList);
   // Kept: the listed chains join the two default chains, they do not replace them.
-  for (const Json::Value& chain : object["chainList"]) rule.chainList.insert(chain.asString());
-  rule.ipType = object["ipType"].asInt();
-  rule.ipDirect = object["ipDirect"].asInt();
-  rule.ipGroup = object["ipGroup"].asInt();
-  appendTexts(object["ipList"], rule.ipList);
-  rule.portDirect = object["portDirect"].asInt();
-  rule.portGroup = object["portGroup"].asInt();
-  appendTexts(object["portList"], rule.portList);
+  for (const Json::Value& chain : *members[kChainList]) rule.chainList.insert(chain.asString());
+  rule.ipType = members[kIpType]->asInt();
+  rule.ipDirect = members[kIpDirect]->asInt();
+  rule.ipGroup = members[kIpGroup]->asInt();
+  appendTexts(*members[kIpList], rule.ipList);
+  rule.portDirect = members[kPortDirect]->asInt();
+  rule.portGroup = members[kPortGroup]->asInt();
+  appendTexts(*members[kPortList], rule.portList);
   return rule;
 }
 

@@ -3,6 +3,8 @@
 //   table x chain x family x adapter x address x port
 //   -t filter -A INPUT_FIREWALL -i eth0 -s 192.168.1.0/24 -p tcp --dport 22 -j RETURN
 
+#include <string_view>
+
 #include "module.h"
 
 namespace FW {
@@ -10,44 +12,61 @@ namespace {
 
 constexpr char kLogVerdict[] = " -j LOG";
 
-// One line, without the verdict. Table and chain always stand, the others when they restrict
-// something.
-std::string lineOf(const std::string& table, const std::string& chain, const std::string& adapter,
-                   const std::string& address, const std::string& port) {
-  std::string line = table + " " + chain;
-  for (const std::string* part : {&adapter, &address, &port}) {
-    if (!part->empty()) line.append(" ").append(*part);
-  }
-  return line;
+std::string_view textOf(const Json::Value& fragment) {
+  const char* begin = nullptr;
+  const char* end = nullptr;
+  (void)fragment.getString(&begin, &end);  // an argument document holds nothing but strings
+  return {begin, static_cast<std::size_t>(end - begin)};
 }
 
-bool ofOtherFamily(const std::string& port, bool ipv6) {
+// Writes one line, without the verdict. Table and chain always stand, the others when they restrict
+// something.
+void writeLine(std::string& line, std::string_view table, std::string_view chain,
+               std::string_view adapter, std::string_view address, std::string_view port) {
+  line.assign(table).append(" ").append(chain);
+  for (const std::string_view part : {adapter, address, port}) {
+    if (!part.empty()) line.append(" ").append(part);
+  }
+}
+
+bool ofOtherFamily(std::string_view port, bool ipv6) {
   return port == (ipv6 ? kIcmpFragment : kIcmpv6Fragment);
 }
+
+// What differs between the families of one rule.
+struct Family {
+  const char* name;
+  const Json::Value& addresses;
+  Json::Value* lines = nullptr;  // of the adapter; made with the first line
+};
 
 }  // namespace
 
 void TARNFW_IPTABLES_RULES::iptablesArgToCmd(const std::string& adapter, const FWRULE& rule,
                                              const Json::Value& args, Json::Value& cmds) {
-  std::vector<const char*> families;
-  if (forV4(rule)) families.push_back(kV4);
-  if (forV6(rule)) families.push_back(kV6);
+  const Json::Value& chains = args[kArgChain];
+  const Json::Value& interfaces = args[kArgAdapter];
+  const Json::Value& addresses = args[kArgIp];
+  const Json::Value& ports = args[kArgPort];
   const Json::Value& policies = args[kArgPolicy];
   const std::string verdict = " " + (policies.empty() ? "" : policies[0].asString());
+  std::string line;  // one for all: its memory is used again
+  std::vector<Family> families;
+  if (forV4(rule)) families.push_back({kV4, addresses[kV4]});
+  if (forV6(rule)) families.push_back({kV6, addresses[kV6]});
 
   for (const Json::Value& table : args[kArgTable]) {
-    for (const Json::Value& chain : args[kArgChain]) {
-      for (const char* family : families) {
-        for (const Json::Value& interface : args[kArgAdapter]) {
-          for (const Json::Value& address : args[kArgIp][family]) {
-            for (const Json::Value& port : args[kArgPort]) {
-              if (ofOtherFamily(port.asString(), family == kV6)) continue;
-              const std::string line =
-                  lineOf(table.asString(), chain.asString(), interface.asString(),
-                         address.asString(), port.asString());
-              Json::Value& lines = cmds[family][adapter];
-              if (rule.blLog) lines.append(line + kLogVerdict);
-              lines.append(line + verdict);
+    for (const Json::Value& chain : chains) {
+      for (Family& family : families) {
+        for (const Json::Value& interface : interfaces) {
+          for (const Json::Value& address : family.addresses) {
+            for (const Json::Value& port : ports) {
+              if (ofOtherFamily(textOf(port), family.name == kV6)) continue;
+              writeLine(line, textOf(table), textOf(chain), textOf(interface), textOf(address),
+                        textOf(port));
+              if (family.lines == nullptr) family.lines = &cmds[family.name][adapter];
+              if (rule.blLog) family.lines->append(line + kLogVerdict);
+              family.lines->append(line.append(verdict));
             }
           }
         }

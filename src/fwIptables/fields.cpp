@@ -8,6 +8,15 @@
 namespace FW {
 namespace {
 
+// An array is emptied in place: the next rule's document reuses the last one's.
+void makeEmptyArray(Json::Value& value) {
+  if (value.isArray()) {
+    value.clear();
+  } else {
+    value = Json::Value(Json::arrayValue);
+  }
+}
+
 // Appends one address fragment to each family of the rule.
 void appendAddress(const FWRULE& rule, const std::string& fragment, Json::Value& args) {
   if (forV4(rule)) args[kArgIp][kV4].append(fragment);
@@ -34,11 +43,15 @@ bool TARNFW_IPTABLES_RULES::jIptablesCmdInit(Json::Value& cmds) {
 
 void TARNFW_IPTABLES_RULES::iptablesRulesInit(Json::Value& args) {
   for (const char* key : {kArgAdapter, kArgPort, kArgChain, kArgTable, kArgPolicy}) {
-    args[key] = Json::Value(Json::arrayValue);
+    makeEmptyArray(args[key]);
   }
-  args[kArgIp] = Json::Value();
-  args[kArgIp][kV4] = Json::Value(Json::arrayValue);
-  args[kArgIp][kV6] = Json::Value(Json::arrayValue);
+  Json::Value& ip = args[kArgIp];
+  // Nothing but the two families may be left in it.
+  if (!ip.isObject() || ip.size() != 2 || !ip.isMember(kV4) || !ip.isMember(kV6)) {
+    ip = Json::Value(Json::objectValue);
+  }
+  makeEmptyArray(ip[kV4]);
+  makeEmptyArray(ip[kV6]);
 }
 
 bool TARNFW_IPTABLES_RULES::policyToIptablesArg(const FWRULE& rule, Json::Value& args) {

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <array>
 
-#include <boost/algorithm/string/join.hpp>
 #include <boost/lexical_cast.hpp>
 
 #include "../constants.h"
@@ -58,9 +57,10 @@ std::string collapsed(const std::string& port) {
 
 // One match for ports[begin..end), with ranges written as the tool takes them.
 std::string portGroup(const std::vector<std::string>& ports, std::size_t begin, std::size_t end) {
-  std::vector<std::string> group;
-  for (std::size_t index = begin; index < end; ++index) group.push_back(collapsed(ports[index]));
-  std::string text = boost::algorithm::join(group, ",");
+  std::string text = collapsed(ports[begin]);
+  for (std::size_t index = begin + 1; index < end; ++index) {
+    text.append(",").append(collapsed(ports[index]));
+  }
   std::replace(text.begin(), text.end(), '-', ':');
   return text;
 }

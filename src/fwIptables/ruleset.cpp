@@ -78,9 +78,9 @@ void reportMissingAddresses(const std::string& adapter, const FWRULE& rule) {
                rule.name.c_str(), adapter.c_str(), rule.ipGroup, needed, rule.ipList.size());
 }
 
+// `args` is the argument document of the rule before, or null.
 bool compileRule(TARNFW_IPTABLES_RULES& compiler, const std::string& adapter, const FWRULE& rule,
-                 Json::Value& cmds) {
-  Json::Value args;
+                 Json::Value& args, Json::Value& cmds) {
   compiler.iptablesRulesInit(args);
   if (!rule.enable || adapter == kPppoeInterface || !compiler.adapterIsEnabled(adapter) ||
       rule.policy == FW_POLICY_NONE) {
@@ -133,9 +133,10 @@ bool TARNFW_IPTABLES_RULES::fwRulesToIptablesRules(const bool& withState, const 
     if (adapter == kPppoeInterface || !adapterIsEnabled(adapter)) continue;
     work[adapter].push_back(&(defaults[adapter] = defaultPolicyRule(policy)));
   }
+  Json::Value args;
   for (const auto& [adapter, list] : work) {
     for (const FWRULE* rule : list) {
-      if (!compileRule(*this, adapter, *rule, cmds)) return false;
+      if (!compileRule(*this, adapter, *rule, args, cmds)) return false;
     }
   }
   return true;

@@ -1,17 +1,16 @@
 // tarn-sandbox: runs a command as root in a root directory and in namespaces of its own.
 //
-//   tarn-sandbox [--backend nft|legacy] [--tool PROGRAM] [--network] [--keep PATH]... [--] COMMAND
-//   [ARG...]
+//   tarn-sandbox [--backend nft|legacy] [--tool PROGRAM] [--network] [--keep PATH]...
+//                [--] COMMAND [ARG...]
 //
 // The command sees the machine's directories as they are, except for
-//   empty      /usr/tarn/etc/firewall.d /usr/tarn/etc.defaults /etc.defaults /usr/share/xt_geoip
-//              /tmp /var/tmp /run, and /var/lock -> /run/lock
-//   a copy     /etc
-//   fresh      /proc /sys /dev, where /dev/log is a socket whose messages become lines of
-//   /run/syslog
-// all of which are writable and vanish with the command. The working directory, the command's
-// program and whatever --keep names stay visible when they lie in one of the empty directories. The
-// network holds lo and nothing else, unless --network adds the links listed at kLinks. The file
+//   empty   /usr/tarn/etc/firewall.d, /usr/tarn/etc.defaults, /etc.defaults, /usr/share/xt_geoip,
+//           /tmp, /var/tmp, /run, and /var/lock, which leads to /run/lock
+//   copied  /etc
+//   fresh   /proc, /sys, /dev; /dev/log is a socket whose messages become lines of /run/syslog
+// all of which it can write and which vanish with it. The working directory, the command's program
+// and whatever --keep names stay visible when they lie in one of the empty directories. The network
+// holds lo and nothing else, unless --network adds the links listed at kLinks. The file
 // /run/tarn-sandbox tells a program that it runs here.
 //
 // Exit status: the command's, 128 + n when signal n ended it, 127 or 126 when it is not there or
@@ -243,23 +242,27 @@ void copyFile(const std::string& from, const std::string& to, const struct stat&
   require(fchmod(target.get(), status.st_mode & ALLPERMS) == 0, to);
 }
 
-// Copies the machine's directory `path`: directories, files and symbolic links.
-void copyEntries(const std::string& path) {
-  for (const std::string& name : entries(kMachine + path)) {
-    const std::string to = path + "/" + name;
-    const std::string from = kMachine + to;
-    struct stat status;
-    if (lstat(from.c_str(), &status) != 0) continue;
-    if (S_ISLNK(status.st_mode)) {
-      makeLink(linkTarget(from), to);
-    } else if (S_ISREG(status.st_mode)) {
-      copyFile(from, to, status);
-    } else if (S_ISDIR(status.st_mode)) {
-      makeDirectory(to, status.st_mode & ALLPERMS);
-      require(chown(to.c_str(), status.st_uid, status.st_gid) == 0, to);
-      copyEntries(to);
-    }
+void copyEntries(const std::string& path);
+
+// Copies a directory with all below it, a file or a symbolic link; other things stay out.
+void copy(const std::string& path) {
+  const std::string source = kMachine + path;
+  struct stat status;
+  if (lstat(source.c_str(), &status) != 0) return;
+  if (S_ISLNK(status.st_mode)) {
+    makeLink(linkTarget(source), path);
+  } else if (S_ISREG(status.st_mode)) {
+    copyFile(source, path, status);
+  } else if (S_ISDIR(status.st_mode)) {
+    makeDirectory(path, status.st_mode & ALLPERMS);
+    require(chown(path.c_str(), status.st_uid, status.st_gid) == 0, path);
+    copyEntries(path);
   }
+}
+
+void copyEntries(const std::string& path) {
+  const std::string prefix = path + "/";
+  for (const std::string& name : entries(kMachine + path)) copy(prefix + name);
 }
 
 void makeDevices() {
@@ -291,15 +294,23 @@ void enterEmptyRoot() {
 }
 
 // Debian's /sbin/iptables goes through /etc/alternatives, which is a copy here.
+//   program      "iptables-nft", "ip6tables-nft-save"
+//   alternative  "iptables", "ip6tables-save"
+void choose(const std::string& program, const std::string& alternative) {
+  const std::string target = "/usr/sbin/" + program;
+  const std::string link = "/etc/alternatives/" + alternative;
+  require(access(target.c_str(), X_OK) == 0, target);
+  require(access(link.c_str(), F_OK) == 0, link);
+  makeLink(target, link);
+}
+
 void chooseBackend(const std::string& backend) {
+  const std::string suffix = "-" + backend;
   for (const std::string family : {"iptables", "ip6tables"}) {
-    for (const std::string suffix : {"", "-save", "-restore"}) {
-      const std::string program = "/usr/sbin/" + family + "-" + backend + suffix;
-      const std::string alternative = "/etc/alternatives/" + family + suffix;
-      require(access(program.c_str(), X_OK) == 0, program);
-      require(access(alternative.c_str(), F_OK) == 0, alternative);
-      makeLink(program, alternative);
-    }
+    const std::string program = family + suffix;
+    choose(program, family);
+    choose(program + "-save", family + "-save");
+    choose(program + "-restore", family + "-restore");
   }
 }
 
@@ -571,7 +582,7 @@ bool reap(pid_t command, int& commandStatus) {
   }
 }
 
-int run(const Options& options, const std::string& directory) {
+[[noreturn]] void run(const Options& options, const std::string& directory) {
   std::array<int, 2> ends;
   require(pipe2(ends.data(), O_CLOEXEC) == 0, "pipe");
   const Descriptor lifeline(ends[0]);
@@ -589,7 +600,9 @@ int run(const Options& options, const std::string& directory) {
   (void)std::signal(SIGQUIT, SIG_IGN);
   int status = 0;
   while (waitpid(inside, &status, 0) < 0) require(errno == EINTR, "waitpid");
-  return exitStatus(status);
+  // Without the handlers of exit(): a leak checker's would start a thread, and since process 1 of
+  // its process namespace has ended, this process can start none.
+  _exit(exitStatus(status));
 }
 
 }  // namespace
@@ -602,5 +615,5 @@ int main(int argc, char** argv) {
   options.keep.push_back(absolute("/proc/self/exe"));
   if (std::strchr(options.command[0], '/') != nullptr && access(options.command[0], F_OK) == 0)
     options.keep.push_back(absolute(options.command[0]));
-  return run(options, directory);
+  run(options, directory);
 }

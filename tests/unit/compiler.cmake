@@ -1,0 +1,11 @@
+# The tests of the compiler and of what it stands on: one program for each source file.
+tarn_unit_test(fwIptables/fields)
+tarn_unit_test(fwIptables/adapters)
+tarn_unit_test(fwIptables/ports)
+tarn_unit_test(fwIptables/assemble)
+tarn_unit_test(fwIptables/ruleset)
+target_link_options(fwIptables_rulesetTest PRIVATE -Wl,--wrap=BlTLIBIsIpAddr)
+tarn_unit_test(fwGeoip)
+tarn_unit_test(tarnIptablesModule)
+tarn_unit_test(fwHook)
+tarn_unit_test(tarnfirewall_c)

@@ -1,0 +1,58 @@
+#include "ops/settings.h"
+
+#include <unistd.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "machine.h"
+
+namespace {
+
+struct Row {
+  const char* name;
+  const char* document;
+  const char* settings;  // "on office", "off office", or the reason
+};
+
+constexpr Row kRows[] = {
+    {"On", R"({"status": true, "profile": "office"})", "on office"},
+    {"Off", R"({"status": false, "profile": "office"})", "off office"},
+    {"WithoutStatus", R"({"profile": "office"})", "off office"},
+    {"WithoutProfile", R"({"status": true})", " cannot be read"},
+    {"NotJson", "{", " cannot be read"},
+    {"NotAnObject", "[]", " cannot be read"},
+    {"StatusOfAnotherType", R"({"status": "on", "profile": "office"})",
+     " cannot be read: Value is not convertible to bool."},
+    {"ProfileOfAnotherType", R"({"status": true, "profile": []})",
+     " cannot be read: Type is not convertible to string"},
+};
+
+constexpr char kFile[] = "/usr/tarn/etc/firewall.d/firewall_settings.json";
+
+std::string described() {
+  ops::Settings settings;
+  std::string reason;
+  if (!ops::readSettings(settings, reason)) return reason;
+  return (settings.enabled ? "on " : "off ") + settings.profile;
+}
+
+TEST(Settings, Rows) {
+  for (const Row& row : kRows) {
+    machine::reset();
+    machine::write(kFile, row.document);
+    const std::string expected =
+        row.settings[0] == ' ' ? std::string(kFile) + row.settings : std::string(row.settings);
+    EXPECT_EQ(described(), expected) << row.name;
+    EXPECT_EQ(machine::read(kFile), row.document) << row.name;
+  }
+}
+
+TEST(Settings, DefaultsAreNotWritten) {
+  machine::reset();
+  EXPECT_EQ(described(), "off default");
+  EXPECT_NE(access(kFile, F_OK), 0);
+}
+
+}  // namespace
