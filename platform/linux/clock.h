@@ -9,8 +9,8 @@
 
 namespace tarnrun {
 
-constexpr int64_t kNanosecondsPerSecond = 1000 * 1000 * 1000;
-constexpr int64_t kNanosecondsPerMillisecond = 1000 * 1000;
+constexpr int64_t kNanosecondsPerSecond = 1'000'000'000;
+constexpr int64_t kNanosecondsPerMillisecond = 1'000'000;
 
 // Nanoseconds of the monotonic clock.
 inline int64_t monotonicNow() noexcept {

@@ -38,7 +38,7 @@ using tarnplatform::replaceTextFile;
 
 namespace {
 
-constexpr size_t kFileLimit = 1024 * 1024;  // bytes
+constexpr size_t kFileLimit = size_t{1024} * 1024;  // bytes
 constexpr mode_t kNewFileMode = 0644;
 constexpr mode_t kParentMode = 0755;
 constexpr char kBlanks[] = " \t\r";

@@ -13,6 +13,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <utility>
+
 #include "cancellation.h"
 #include "clock.h"
 #include "descriptor.h"
@@ -51,7 +53,7 @@ Descriptor openLockFile(const Place& place, const char* path) {
   const int directory = place.directory.get();
   Descriptor file(openat(directory, place.name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file.valid() && errno == ENOENT) {
-    return Descriptor(
+    file.reset(
         openat(directory, place.name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode));
   }
   if (!file.valid() && !isSquatted(errno)) {
@@ -96,7 +98,7 @@ Attempt tryLock(const char* path, Descriptor* lock) {
   if (!isStill(place, file.get())) {
     return Attempt::kMoved;
   }
-  *lock = static_cast<Descriptor&&>(file);
+  *lock = std::move(file);
   return Attempt::kHeld;
 }
 

@@ -14,6 +14,7 @@ constexpr char kModule[] = "tarnPlatform";
 __attribute__((format(printf, 3, 0))) void log(int priority, int line, const char* format,
                                                va_list arguments) {
   char text[2048];
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): every caller has started the list
   (void)vsnprintf(text, sizeof text, format, arguments);
   syslog(priority, "%s:%d %s", kModule, line, text);
 }

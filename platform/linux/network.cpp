@@ -8,7 +8,6 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <libmnl/libmnl.h>
-#include <linux/if_arp.h>
 #include <linux/if_link.h>
 #include <linux/rtnetlink.h>
 #include <signal.h>
@@ -27,11 +26,14 @@
 #include "directoryNames.h"
 #include "error.h"
 #include "errorCodes.h"
+#include "interfaceRank.h"
 #include "log.h"
 #include "textFile.h"
 
 using tarnplatform::errorText;
 using tarnplatform::here;
+using tarnplatform::interfaceRank;
+using tarnplatform::InterfaceRank;
 using tarnplatform::kErrorArgument;
 using tarnplatform::kErrorMemory;
 using tarnplatform::kErrorSystem;
@@ -44,35 +46,12 @@ namespace {
 
 constexpr int kFirewallInterfaces = 8;
 constexpr int kDumpAttempts = 10;
-constexpr size_t kSmallFile = 64 * 1024;  // bytes
-
-// The later the class, the sooner it is cut when there are more interfaces than records.
-enum class Class { kMachine, kTunnel, kOther };
+constexpr size_t kSmallFile = size_t{64} * 1024;  // bytes
 
 struct Interface {
   TLIBNETIF record = {};
-  Class rank = Class::kOther;
+  InterfaceRank rank = InterfaceRank::kOther;
 };
-
-Class classOf(const char* kind, unsigned short hardware) {
-  static constexpr struct {
-    const char* kind;
-    Class rank;
-  } kKinds[] = {
-      {"bond", Class::kMachine}, {"bridge", Class::kMachine}, {"team", Class::kMachine},
-      {"vlan", Class::kMachine}, {"wlan", Class::kMachine},   {"veth", Class::kTunnel},
-      {"tun", Class::kTunnel},   {"tap", Class::kTunnel},     {"ppp", Class::kTunnel},
-  };
-  if (kind == nullptr) {  // real hardware has no kind
-    return hardware == ARPHRD_PPP || hardware == ARPHRD_NONE ? Class::kTunnel : Class::kMachine;
-  }
-  for (const auto& row : kKinds) {
-    if (strcmp(row.kind, kind) == 0) {
-      return row.rank;
-    }
-  }
-  return Class::kOther;
-}
 
 // A name that means something else as the key of rules or as an argument of iptables.
 bool isAmbiguous(const std::string& name) {
@@ -120,7 +99,7 @@ int addLink(const nlmsghdr* message, void* data) {
   (void)snprintf(link.record.name, sizeof link.record.name, "%s", text.name);
   link.record.index = static_cast<unsigned int>(info->ifi_index);
   link.record.flags = info->ifi_flags;
-  link.rank = classOf(text.kind, info->ifi_type);
+  link.rank = interfaceRank(text.kind, info->ifi_type);
   static_cast<std::vector<Interface>*>(data)->push_back(link);
   return MNL_CB_OK;
 }
@@ -251,7 +230,7 @@ bool isRunning(const std::string& pid) {
   if (pid.empty() || pid.size() > 10 || pid.find_first_not_of("0123456789") != std::string::npos) {
     return false;
   }
-  const long long number = std::atoll(pid.c_str());
+  const long long number = std::strtoll(pid.c_str(), nullptr, 10);
   return number > 0 && number <= INT32_MAX &&
          (kill(static_cast<pid_t>(number), 0) == 0 || errno == EPERM);
 }

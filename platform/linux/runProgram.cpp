@@ -15,9 +15,9 @@
 // A caller with one thread that leaves SIGCHLD alone cannot notice the difference; it plays the
 // helper's part itself, which saves a process.
 //
-// Between the first clone and the exec only direct system calls are used and this file is compiled
-// without sanitizers: library calls may take locks that another thread of the caller holds, and the
-// sanitizers' run time takes the helper for the calling thread.
+// Between the first clone and the exec only direct system calls are used, and closefrom(), which is
+// one, and this file is compiled without sanitizers: library calls may take locks that another
+// thread of the caller holds, and the sanitizers' run time takes the helper for the calling thread.
 
 #include "runProgram.h"
 
@@ -36,6 +36,11 @@
 #include "cancellation.h"
 #include "clock.h"
 
+// clone() under its other name: sanitizers put their own function in place of the first, which
+// prepares their run time for a copy of the memory.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): glibc's name
+extern "C" int __clone(int (*body)(void*), void* stack, int flags, void* argument, ...);
+
 namespace tarnrun {
 
 namespace {
@@ -44,7 +49,7 @@ constexpr int kStartRetrySeconds = 5;
 constexpr int64_t kFirstPause = 10 * kNanosecondsPerMillisecond;
 constexpr int64_t kLongestPause = 320 * kNanosecondsPerMillisecond;
 constexpr int kReapSeconds = 5;  // for a killed program that hangs in the kernel
-constexpr size_t kStackBytes = 8 * 1024;
+constexpr size_t kStackBytes = size_t{8} * 1024;
 constexpr long kWordsFileBytes = 16L * 1024 * 1024;
 
 // The kernel's signal numbers are 1 to 64; its sets are 64 bits. glibc's own functions leave out
@@ -96,12 +101,6 @@ void setDefaultAction(int signal) noexcept {
   (void)syscall(SYS_rt_sigaction, signal, kDefaultAction, nullptr, sizeof(SignalSet));
 }
 
-void closeFrom(unsigned int first, unsigned int last = ~0U) noexcept {
-  if (first <= last) {
-    (void)syscall(SYS_close_range, first, last, 0);
-  }
-}
-
 bool moveDescriptor(int from, int to) noexcept {
   if (from == to) {
     return syscall(SYS_fcntl, to, F_SETFD, 0) == 0;
@@ -115,7 +114,7 @@ bool arrangeDescriptors(int output) noexcept {
   if (output >= 0 && (!moveDescriptor(output, 1) || !moveDescriptor(1, 2))) {
     return false;
   }
-  closeFrom(3);
+  closefrom(3);
   (void)syscall(SYS_close, 0);
   if (syscall(SYS_openat, AT_FDCWD, "/dev/null", O_RDWR) != 0) {
     return false;
@@ -169,7 +168,7 @@ bool keepsWords(const Program& program) noexcept {
 }
 
 bool startTool(Run& run) noexcept {
-  run.tool = clone(toolMain, run.toolStack + kStackBytes, CLONE_VM | CLONE_VFORK | SIGCHLD, &run);
+  run.tool = __clone(toolMain, run.toolStack + kStackBytes, CLONE_VM | CLONE_VFORK | SIGCHLD, &run);
   if (run.tool < 0) {
     run.error = errno;
     return false;
@@ -190,10 +189,15 @@ void sleepUntilEnd(int toolDescriptor, int64_t left) noexcept {
   (void)syscall(SYS_ppoll, &ended, 1, &limit, nullptr, sizeof(SignalSet));
 }
 
-// Waits until `deadline` for the end of the program.
-bool waitForTool(const Run& run, int toolDescriptor, int64_t deadline, int* waitStatus) noexcept {
+// Waits until `deadline` for the end of the program. True when there is nothing more to wait for.
+bool waitForTool(Run& run, int toolDescriptor, int64_t deadline, int* waitStatus) noexcept {
   for (;;) {
-    if (syscall(SYS_wait4, run.tool, waitStatus, WNOHANG, nullptr) == run.tool) {
+    const long ended = syscall(SYS_wait4, run.tool, waitStatus, WNOHANG, nullptr);
+    if (ended == run.tool) {
+      return true;
+    }
+    if (ended < 0 && errno == ECHILD) {
+      run.error = ECHILD;  // collected behind our back
       return true;
     }
     const int64_t left = deadline - monotonicNow();
@@ -213,6 +217,9 @@ void waitOrKill(Run& run, int toolDescriptor) noexcept {
     (void)syscall(SYS_kill, program.ownGroup ? -run.tool : run.tool, SIGKILL);
     const int64_t giveUp = monotonicNow() + kReapSeconds * kNanosecondsPerSecond;
     (void)waitForTool(run, toolDescriptor, giveUp, &waitStatus);
+    return;
+  }
+  if (run.error != 0) {
     return;
   }
   if (WIFSIGNALED(waitStatus)) {
@@ -246,20 +253,10 @@ void startAndWait(Run& run) noexcept {
   }
 }
 
-// Leaves the helper no descriptor above 2 but the output.
-void dropDescriptors(int output) noexcept {
-  if (output < 3) {
-    closeFrom(3);
-    return;
-  }
-  closeFrom(static_cast<unsigned int>(output) + 1);
-  closeFrom(3, static_cast<unsigned int>(output) - 1);
-}
-
 int helperMain(void* argument) noexcept {
   Run& run = *static_cast<Run*>(argument);
-  setDefaultAction(SIGCHLD);  // in the helper's own table
-  dropDescriptors(run.program.output);
+  setDefaultAction(SIGCHLD);                                       // in the helper's own table
+  closefrom(run.program.output < 3 ? 3 : run.program.output + 1);  // not to be copied for the tool
   run.output = keepsWords(run.program) ? makeWordsFile() : run.program.output;
   startAndWait(run);
   run.reported = true;
@@ -270,7 +267,8 @@ int helperMain(void* argument) noexcept {
 }
 
 void runInHelper(Run& run) noexcept {
-  const int helper = clone(helperMain, run.helperStack + kStackBytes, CLONE_VM | CLONE_VFORK, &run);
+  const int helper =
+      __clone(helperMain, run.helperStack + kStackBytes, CLONE_VM | CLONE_VFORK, &run);
   if (helper < 0) {
     run.error = errno;
     return;

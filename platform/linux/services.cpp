@@ -40,7 +40,7 @@ namespace {
 
 constexpr char kDatabase[] = "/usr/tarn/etc.defaults/firewall_services.json";
 constexpr char kDropInDirectory[] = "/usr/tarn/etc/firewall_services.d";
-constexpr size_t kFileLimit = 16 * 1024 * 1024;  // bytes
+constexpr size_t kFileLimit = size_t{16} * 1024 * 1024;  // bytes
 constexpr int kHighestPort = 65535;
 
 struct FreeList {

@@ -9,6 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <utility>
+
 #include "descriptor.h"
 #include "trustedPath.h"
 
@@ -146,7 +148,7 @@ bool replaceTextFile(const char* path, const std::string& text, mode_t mode) {
   if (!file.valid()) {
     return false;
   }
-  if (!writeTemporary(place, static_cast<Descriptor&&>(file), text) ||
+  if (!writeTemporary(place, std::move(file), text) ||
       renameat(place.directory.get(), temporary, place.directory.get(), place.name) != 0) {
     const int error = errno;
     (void)unlinkat(place.directory.get(), temporary, 0);

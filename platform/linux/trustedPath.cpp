@@ -7,6 +7,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <utility>
+
 #include "clock.h"
 #include "log.h"
 
@@ -49,7 +51,7 @@ bool openPlace(const char* path, Place* place) {
   if (!opened.valid() || fstat(opened.get(), &status) != 0) {
     return false;
   }
-  place->directory = static_cast<tarnrun::Descriptor&&>(opened);
+  place->directory = std::move(opened);
   place->name = name;
   place->shared = (status.st_mode & S_IWOTH) != 0;
   return true;
@@ -68,16 +70,12 @@ bool clearName(int directory, const char* name, const char* path) {
   if (isOwnFile(status)) {
     return true;  // somebody of ours was faster
   }
-  const bool cleared = S_ISDIR(status.st_mode)
-                           ? renameAside(directory, name)
-                           : unlinkat(directory, name, 0) == 0 || errno == ENOENT;
+  const bool isDirectory = S_ISDIR(status.st_mode);
+  const bool cleared = isDirectory ? renameAside(directory, name)
+                                   : unlinkat(directory, name, 0) == 0 || errno == ENOENT;
   const int error = errno;
-  if (cleared) {
-    here().error("%s: something of user %u stood in the way, moved", path, status.st_uid);
-  } else {
-    here().error("%s: something of user %u stands in the way: %s", path, status.st_uid,
-                 errorText(error));
-  }
+  const char* const result = !cleared ? errorText(error) : isDirectory ? "renamed" : "removed";
+  here().error("%s: something of user %u stood in the way: %s", path, status.st_uid, result);
   errno = error;
   return cleared;
 }
