@@ -4,16 +4,15 @@
 //   -N FIREWALL_RELOADING
 //   -N INPUT_FIREWALL
 //   -N FORWARD_FIREWALL
-//   -I FIREWALL_RELOADING 1 -i lo -j ACCEPT                        loopback lives through a drop
-//   period -I FIREWALL_RELOADING 2 -m state --state INVALID -j RETURN     changes no packet's way,
-//   but has the kernel
-//                                                                  track connections from now on,
-//                                                                  so that the open ones survive
-//                                                                  the first enabling
+//   -I FIREWALL_RELOADING 1 -i lo -j ACCEPT
+//   -I FIREWALL_RELOADING 2 -m state --state INVALID -j RETURN
 //   -I INPUT 1 -j FIREWALL_RELOADING
 //   -I INPUT 2 -j INPUT_FIREWALL
 //   -I FORWARD 1 -j FIREWALL_RELOADING
 //   -I FORWARD 2 -j FORWARD_FIREWALL
+//
+// The first rule keeps loopback alive in a drop period. The second changes no packet's way, but
+// has the kernel track connections from now on, so that open ones survive the first enabling.
 //
 // What is there already stays where it is, save that FIREWALL_RELOADING comes before the firewall's
 // chain: while that one is being rebuilt, its half of the rules must not see open connections.

@@ -1,7 +1,9 @@
 #include "lifecycle.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <utility>
 
 #include <json/value.h>
@@ -28,6 +30,13 @@ std::string joined(const std::vector<std::string>& texts) {
   return all;
 }
 
+// Is `text` part of one of `lines`?
+bool contains(const std::vector<std::string>& lines, const std::string& text) {
+  return std::any_of(lines.begin(), lines.end(), [&text](const std::string& line) {
+    return line.find(text) != std::string::npos;
+  });
+}
+
 bool failBecause(Supervised& outcome, std::string reason) {
   outcome.verdict = Supervised::Verdict::kFailed;
   outcome.reason = std::move(reason);
@@ -37,7 +46,9 @@ bool failBecause(Supervised& outcome, std::string reason) {
 void add(Recovery& recovery, const Recovery& more) {
   recovery.marks += more.marks;
   recovery.commands.insert(recovery.commands.end(), more.commands.begin(), more.commands.end());
-  recovery.errors.insert(recovery.errors.end(), more.errors.begin(), more.errors.end());
+  for (const std::string& error : more.errors) {
+    if (!contains(recovery.errors, error)) recovery.errors.push_back(error);
+  }
 }
 
 // Before the worker: leaves no mark behind, and the open policies on record.
@@ -68,10 +79,14 @@ bool prepare(bool needsChains, Supervised& outcome) {
 // Takes the lock that a reload holds while its policies are closed, and opens what is still closed.
 Recovery recoverUnderLock() {
   const ExecutionLock lock;
-  LiveFilter filter;
-  if (lock.held()) return recover(filter);
   Recovery recovery;
-  recovery.errors.emplace_back(kBusy);
+  LiveFilter filter;
+  if (!lock.held()) {
+    recovery.errors.emplace_back(kBusy);
+    return recovery;
+  }
+  recovery = recover(filter);
+  if (recovery.errors.empty()) forgetOpenPolicies();
   return recovery;
 }
 
@@ -104,15 +119,25 @@ Recovery recoveryFromJson(const Json::Value& value) {
   return recovery;
 }
 
-// What the worker does and sends back.
-Json::Value work(bool checked, const std::function<bool()>& operation) {
+// Runs the operation and tells how it went, as judge() reads it. An exception has gone through the
+// library, which has opened the policies if it could; whether it could is looked at like any
+// failure.
+Json::Value work(const std::function<bool()>& operation) {
   clearRefusals();
   Json::Value result(Json::objectValue);
-  const bool done = operation();
-  const Refusals refused = refusals();
-  result["done"] = done;
-  result["refusals"] = toJson(refused);
-  if (checked || !done || refused.count > 0) {
+  try {
+    result["done"] = operation();
+  } catch (const std::exception& exception) {
+    result["thrown"] = exception.what();
+  }
+  result["refusals"] = toJson(refusals());
+  return result;
+}
+
+// The worker: what it leaves closed, it opens itself, as its caller may be gone.
+Json::Value workAndOpen(bool checked, const std::function<bool()>& operation) {
+  Json::Value result = work(operation);
+  if (checked || !result["done"].asBool() || result["refusals"]["count"].asInt() > 0) {
     result["recovery"] = toJson(recoverUnderLock());
   } else {
     forgetOpenPolicies();
@@ -128,28 +153,38 @@ bool tellsOf(const std::string& message, const Refusals& refusals) {
   return false;
 }
 
-bool contains(const std::vector<std::string>& messages, const char* text) {
-  for (const std::string& message : messages) {
-    if (message.find(text) != std::string::npos) return true;
-  }
-  return false;
-}
-
 std::string endOf(const Ended& ended) {
   if (ended.signal == 0) return "the worker process could not be started or ended early";
   return std::string("the worker process was killed (") + strsignal(ended.signal) + ")";
 }
 
-// The worker died, wherever it was.
-void openAfterDeath(const Ended& ended, Supervised& outcome) {
-  const Recovery recovery = recoverUnderLock();
+// The worker died, wherever it was. A tool that it left behind may close a policy after we have
+// opened it, and a plug-in may hang: so the policies are opened at once, and again when all is
+// quiet.
+Recovery openAfter(const Ended& ended) {
+  const ExecutionLock lock;
+  Recovery recovery;
+  LiveFilter filter;
+  if (!lock.held()) {
+    recovery.errors.emplace_back(kBusy);
+    return recovery;
+  }
+  recovery = recover(filter);
+  if (ended.process > 0) waitForSession(ended.process);
+  add(recovery, recover(filter));
+  if (recovery.errors.empty()) forgetOpenPolicies();
+  return recovery;
+}
+
+void reportDeath(const Ended& ended, Supervised& outcome) {
+  const Recovery recovery = openAfter(ended);
   add(outcome.recovery, recovery);
   std::string reason = endOf(ended);
   if (!recovery.errors.empty()) {
     reason += "; the policies could not be checked: " + joined(recovery.errors) +
               "; run 'tarnfw recover'";
   } else if (!recovery.commands.empty()) {
-    reason += "; the policies were open again at once";
+    reason += "; the policies were opened again";
   }
   (void)failBecause(outcome, std::move(reason));
 }
@@ -160,8 +195,9 @@ void judge(const Ended& ended, bool checked, Supervised& outcome) {
   for (const std::string& message : ended.messages) {
     if (!tellsOf(message, outcome.refusals)) outcome.messages.push_back(message);
   }
-  if (!ended.exception.empty()) {
-    (void)failBecause(outcome, ended.exception);
+  const std::string thrown = ended.result["thrown"].asString() + ended.exception;
+  if (!thrown.empty()) {
+    (void)failBecause(outcome, thrown);
   } else if (contains(ended.messages, kLockTimeout)) {
     outcome.verdict = Supervised::Verdict::kBusy;
     outcome.reason = kBusy;
@@ -183,32 +219,29 @@ bool enabledNow() {
   return readSettings(settings, reason) && settings.enabled;
 }
 
-bool firewallChainsEmpty(std::string& reason) {
-  LiveFilter filter;
-  if (!readFilter(filter, reason)) return false;
+bool hasRules(const LiveFilter& filter) {
   for (const Family family : kFamilies) {
     for (const GuardedChain& chain : kGuardedChains) {
-      if (!filter.of(family).rules(chain.firewallChain).empty()) {
-        reason = std::string(chain.firewallChain) + " still has rules";
-        return false;
-      }
+      if (!filter.of(family).rules(chain.firewallChain).empty()) return true;
     }
   }
-  return true;
+  return false;
 }
 
 // A reload that had begun before "status" was recorded fills the chains again after they were
 // flushed. By the time the lock is had it is over. Refused flushes are judged here, by what is
-// left: a machine that never had the chains is as empty as one can be.
+// left: a machine that never had the chains is as empty as one can be. Tables that cannot be read
+// are found out by the look at the policies that follows.
 bool disableAndStayEmpty() {
   FW::TARNFW firewall;
   if (!firewall.fwDisable()) return false;
   const ExecutionLock lock;
+  LiveFilter filter;
   std::string reason;
-  if (!lock.held() || firewallChainsEmpty(reason) || enabledNow()) return true;
+  if (!lock.held() || !readFilter(filter, reason) || !hasRules(filter) || enabledNow()) return true;
   (void)firewall.fwClear();
-  if (firewallChainsEmpty(reason)) return true;
-  (void)std::fprintf(stderr, "%s\n", reason.c_str());
+  if (readFilter(filter, reason) && !hasRules(filter)) return true;
+  (void)std::fprintf(stderr, "rules are left in the firewall chains\n");
   return false;
 }
 
@@ -219,12 +252,12 @@ Supervised supervise(const Supervision& supervision, const std::function<bool()>
   if (!prepare(supervision.needsChains, outcome)) return outcome;
   const IgnoredSignals ignored;
   const Ended ended =
-      runApart(Signals::kKeptOff, [&] { return work(supervision.checked, operation); });
+      runApart(Signals::kKeptOff, [&] { return workAndOpen(supervision.checked, operation); });
   if (ended.finished) {
     judge(ended, supervision.checked, outcome);
   } else {
     outcome.messages = ended.messages;
-    openAfterDeath(ended, outcome);
+    reportDeath(ended, outcome);
   }
   return outcome;
 }
@@ -245,6 +278,18 @@ Supervised useProfile(const std::string& name) {
 
 Supervised disableFirewall() {
   return supervise({/*needsChains=*/false, /*checked=*/true}, disableAndStayEmpty);
+}
+
+Supervised clearFirewall() {
+  Supervised outcome;
+  const Ended ended =
+      runApart(Signals::kShared, [] { return work([] { return FW::TARNFW().fwClear(); }); });
+  if (ended.finished) {
+    judge(ended, /*checked=*/false, outcome);
+  } else {
+    (void)failBecause(outcome, endOf(ended));
+  }
+  return outcome;
 }
 
 }  // namespace ops

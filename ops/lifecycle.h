@@ -1,9 +1,8 @@
 // Switching the firewall on and off and reloading it, so that nothing that happens to the caller
 // leaves the machine shut:
 //
-//   caller   execution lock: what an earlier, killed reload left is undone, the base chains are
-//   looked for,
-//            the open policies are recorded
+//   caller   execution lock: undoes what an earlier, killed reload left, looks for the base
+//            chains, records the open policies
 //   worker   the library's operation, in a session of its own, deaf to the terminal
 //   caller   waits, deaf as well; opens the policies when the worker dies
 //
@@ -47,16 +46,19 @@ Supervised useProfile(const std::string& name);
 Supervised disableFirewall();
 
 // What a supervised operation may find in its way, and what it leaves to check.
-//   needsChains  refuse to begin when base chains are missing or the filter tables cannot be read
+//   needsChains  refuse to begin when base chains are missing or cannot be read
 //   checked      look for closed policies after success too, not only after a failure; the
-//   operation judges
-//                refused commands itself
+//                operation judges refused commands itself
 struct Supervision {
   bool needsChains = true;
   bool checked = false;
 };
 
-// The frame of the four above around any operation of the library's that may run a drop period.
+// Empties the firewall chains and leaves the rest alone: no lock, no worker that outlives its
+// caller.
+Supervised clearFirewall();
+
+// The frame of the first four, around any operation of the library's that may run a drop period.
 Supervised supervise(const Supervision& supervision, const std::function<bool()>& operation);
 
 }  // namespace ops

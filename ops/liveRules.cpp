@@ -111,7 +111,8 @@ std::vector<std::string> missingChains(const LiveFilter& filter) {
 
 std::string missingWords(const std::vector<std::string>& missing) {
   std::string words = "chains are missing: ";
-  for (const std::string& chain : missing) words += (&chain == &missing.front() ? "" : ", ") + chain;
+  for (const std::string& chain : missing)
+    words += (&chain == &missing.front() ? "" : ", ") + chain;
   return words + "; run 'tarnfw setup'";
 }
 

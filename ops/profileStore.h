@@ -16,8 +16,8 @@ namespace ops {
 bool hasProfileDocument();
 
 // How seeding went.
-//   file    the document that was written, or is to be written; empty when there are profiles
-//   already error   why there is none
+//   file    the document that was or is to be written; empty when there are profiles already
+//   error   why there is none
 struct Seed {
   std::string file;
   Json::Value document;

@@ -105,24 +105,21 @@ void lookAtData(std::vector<std::string>& problems) {
   }
 }
 
-void lookAtActiveProfile(std::vector<std::string>& problems) {
-  Settings settings;
-  std::string reason;
-  if (!readSettings(settings, reason)) {
-    problems.push_back(reason);
-  } else if (!FW::TARNFW_PROFILE().profileExist(settings.profile)) {
-    problems.push_back("the active profile '" + settings.profile + "' is not stored");
-  }
-}
-
 }  // namespace
 
 std::vector<std::string> readinessProblems() {
   std::vector<std::string> problems;
   lookAtTools(problems);
   lookAtData(problems);
-  lookAtActiveProfile(problems);
   return problems;
+}
+
+std::string activeProfileProblem() {
+  Settings settings;
+  std::string reason;
+  if (!readSettings(settings, reason)) return reason;
+  if (FW::TARNFW_PROFILE().profileExist(settings.profile)) return "";
+  return "the active profile '" + settings.profile + "' is not stored";
 }
 
 }  // namespace ops

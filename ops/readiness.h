@@ -12,6 +12,9 @@ namespace ops {
 // nothing.
 std::vector<std::string> readinessProblems();
 
+// The sentence on an active profile that is not stored; empty when it is.
+std::string activeProfileProblem();
+
 }  // namespace ops
 
 #endif

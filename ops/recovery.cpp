@@ -109,7 +109,6 @@ Recovery recover(LiveFilter& filter) {
     if (result.status != 0) recovery.errors.push_back(command.text() + ": " + result.words());
   }
   if (!recovery.commands.empty() && !readFilter(filter, reason)) recovery.errors.push_back(reason);
-  if (recovery.errors.empty()) forgetOpenPolicies();
   return recovery;
 }
 

@@ -4,7 +4,7 @@
 // the mark in place.
 //
 // DROP policies without a mark are somebody else's and stay. The one moment in which a killed
-// reload has closed a policy and set no mark yet is covered for the reloads that supervision.h
+// reload has closed a policy and set no mark yet is covered for the reloads that lifecycle.h
 // starts: it records in /run/tarn/open_policies.json which policies were open before.
 
 #ifndef TARNFW_OPS_RECOVERY_H
@@ -31,8 +31,7 @@ struct Recovery {
 
 // The commands that open the policies and remove every mark. Policies come first: should this be
 // interrupted too, the mark is still there to tell.
-//   record  the policies that were open when a supervised reload began, as openPolicies() gives
-//   them
+//   record  what openPolicies() gave when a supervised reload began
 std::vector<Command> recoveryCommands(const LiveFilter& filter,
                                       const std::vector<std::string>& record);
 
@@ -44,8 +43,9 @@ bool writeOpenPolicies(const std::vector<std::string>& policies);
 std::vector<std::string> recordedOpenPolicies();
 void forgetOpenPolicies();
 
-// Looks, undoes what is to be undone, and forgets the record. The caller holds the execution lock:
-// a reload that lives holds it for as long as its mark is there.
+// Looks, and undoes what is to be undone. The caller holds the execution lock, as a reload that
+// lives does for as long as its mark is there, and forgets the record when no tool of the killed
+// reload can run any more.
 //   filter  what the filter tables hold afterwards
 Recovery recover(LiveFilter& filter);
 

@@ -1,7 +1,6 @@
 #include "runApart.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,7 +9,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <optional>
+#include <sstream>
+#include <string>
+#include <system_error>
+#include <thread>
 
 #include "jsonText.h"
 #include "memoryFile.h"
@@ -20,18 +26,16 @@ namespace {
 
 constexpr std::array<int, 5> kIgnored = {SIGINT, SIGQUIT, SIGHUP, SIGTERM, SIGPIPE};
 
-// How long a program that a dead child was running may go on: the platform ends every program after
-// 30 seconds.
+// The platform ends what it runs after 30 seconds, as long as somebody is left to do it.
 constexpr std::chrono::seconds kStragglerLimit{35};
-constexpr int kPollMilliseconds = 200;
+constexpr std::chrono::milliseconds kLookAgain{5};
 
 void writeAll(int fd, const std::string& text) {
   std::size_t done = 0;
   while (done < text.size()) {
     const ssize_t length = write(fd, text.data() + done, text.size() - done);
     if (length < 0 && errno == EINTR) continue;
-    if (length <= 0)
-      return;  // a cut result does not parse, and shows as a child that did not finish
+    if (length <= 0) return;  // a cut result does not parse: a child that did not finish
     done += static_cast<std::size_t>(length);
   }
 }
@@ -56,29 +60,38 @@ void writeAll(int fd, const std::string& text) {
   std::exit(EXIT_SUCCESS);
 }
 
-// Waits for the end of the child, and of everything that holds `life` open: a child that is killed
-// while a tool runs leaves the tool behind, whose work is done only when it has ended too.
-std::optional<int> waitForEnd(pid_t child, const Descriptor& life) {
-  std::optional<int> status;
-  auto deadline = std::chrono::steady_clock::time_point::max();
-  for (bool alive = true; alive && std::chrono::steady_clock::now() < deadline;) {
-    pollfd events = {life.get(), POLLIN, 0};
-    const int ready = poll(&events, 1, kPollMilliseconds);
-    alive = ready <= 0;  // nobody writes: only the end of the last holder is reported
-    int raw = 0;
-    if (!status && waitpid(child, &raw, WNOHANG) == child) {
-      status = raw;
-      deadline = std::chrono::steady_clock::now() + kStragglerLimit;
-      if (WIFEXITED(raw)) alive = false;
-    }
+// The child's wait status; none when it was not to be had.
+std::optional<int> waitForEnd(pid_t child) {
+  int status = 0;
+  pid_t ended = 0;
+  do {
+    ended = waitpid(child, &status, 0);
+  } while (ended < 0 && errno == EINTR);
+  return ended == child ? std::optional<int>(status) : std::nullopt;
+}
+
+// A zombie has ended: it waits for whoever collects it.
+bool livesIn(pid_t session, const std::filesystem::path& process) {
+  std::ifstream stat(process / "stat");
+  std::string text(std::istreambuf_iterator<char>(stat), {});
+  const std::size_t name = text.rfind(')');  // the name may have blanks and brackets of its own
+  if (name == std::string::npos) return false;
+  std::istringstream fields(text.substr(name + 1));
+  char state = 0;
+  pid_t parent = 0;
+  pid_t group = 0;
+  pid_t leader = 0;
+  fields >> state >> parent >> group >> leader;
+  return leader == session && state != 'Z' && state != 'X';
+}
+
+bool anyoneIn(pid_t session) {
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+    const char first = entry.path().filename().string().front();
+    if (first >= '0' && first <= '9' && livesIn(session, entry.path())) return true;
   }
-  int raw = 0;
-  while (!status) {
-    const pid_t ended = waitpid(child, &raw, 0);
-    if (ended == child) status = raw;
-    if (ended < 0 && errno != EINTR) break;
-  }
-  return status;
+  return false;
 }
 
 }  // namespace
@@ -101,20 +114,16 @@ Ended runApart(Signals signals, const std::function<Json::Value()>& work) {
   Ended ended;
   const Descriptor result = memoryFile("result");
   const Descriptor messages = memoryFile("messages");
-  int ends[2] = {-1, -1};
-  if (!result.valid() || !messages.valid() || pipe2(ends, O_CLOEXEC) != 0) return ended;
-  const Descriptor life(ends[0]);
-  Descriptor held(ends[1]);
+  if (!result.valid() || !messages.valid()) return ended;
 
   std::optional<IgnoredSignals> ignored;
   if (signals == Signals::kKeptOff) ignored.emplace();
   (void)std::fflush(nullptr);  // or the child would print what waits here a second time
-  const pid_t child = fork();
-  if (child == 0) runChild(signals, result, messages, work);
-  held.reset();
-  if (child < 0) return ended;
+  ended.process = fork();
+  if (ended.process == 0) runChild(signals, result, messages, work);
+  if (ended.process < 0) return ended;
 
-  const std::optional<int> status = waitForEnd(child, life);
+  const std::optional<int> status = waitForEnd(ended.process);
   ended.messages = linesOf(contents(messages));
   if (status && WIFSIGNALED(*status)) ended.signal = WTERMSIG(*status);
   Json::Value answer;
@@ -123,6 +132,13 @@ Ended runApart(Signals signals, const std::function<Json::Value()>& work) {
   ended.result = answer["result"];
   ended.exception = answer["exception"].asString();
   return ended;
+}
+
+void waitForSession(pid_t session) {
+  const auto deadline = std::chrono::steady_clock::now() + kStragglerLimit;
+  while (anyoneIn(session) && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(kLookAgain);
+  }
 }
 
 }  // namespace ops

@@ -4,6 +4,8 @@
 #ifndef TARNFW_OPS_RUNAPART_H
 #define TARNFW_OPS_RUNAPART_H
 
+#include <sys/types.h>
+
 #include <array>
 #include <csignal>
 #include <functional>
@@ -33,13 +35,15 @@ enum class Signals {
 };
 
 // How the process ended.
+//   process   the child's number; with kKeptOff also that of its session
 //   finished  the work returned, or threw: `result` holds what it returned, `exception` what it
-//   threw signal    otherwise the signal that ended the process, or 0 when it could not be started
-//   or ended
+//             threw
+//   signal    otherwise the signal that ended the process, or 0 when it was not started or ended
 //             itself
 //   messages  the lines it wrote to standard output and standard error (the log with them, when the
 //             process logs to standard error)
 struct Ended {
+  pid_t process = -1;
   bool finished = false;
   int signal = 0;
   Json::Value result;
@@ -47,10 +51,13 @@ struct Ended {
   std::vector<std::string> messages;
 };
 
-// Runs `work` in a child of this process and waits until the child and whatever it was running at
-// its end are gone. What the child writes is kept in memory, so that a reader who does not read
-// cannot hold it up.
+// Runs `work` in a child of this process and waits for its end. What the child writes is kept in
+// memory, so that a reader who does not read cannot hold it up.
 Ended runApart(Signals signals, const std::function<Json::Value()>& work);
+
+// Waits, 35 seconds at most, until nobody is left in a session: a child that is killed leaves
+// behind the tool it was running, whose work is done only when it has ended too.
+void waitForSession(pid_t session);
 
 }  // namespace ops
 

@@ -13,6 +13,7 @@
 #include <json/value.h>
 
 #include "services.h"
+#include "tarnfirewall_records.h"
 
 namespace ops {
 namespace {
@@ -51,8 +52,11 @@ bool readTitles(std::map<std::string, std::string>& titles, std::string& reason)
 }
 
 std::string protocolName(int protocol) {
-  static const std::map<int, std::string> kNames = {
-      {1, "tcp"}, {2, "udp"}, {3, "both"}, {4, "icmp"}, {32, "igmp"}};
+  static const std::map<int, std::string> kNames = {{FW::FW_PROTO_TCP, "tcp"},
+                                                    {FW::FW_PROTO_UDP, "udp"},
+                                                    {FW::FW_PROTO_TCP_UDP, "both"},
+                                                    {FW::FW_PROTO_ICMP, "icmp"},
+                                                    {FW::FW_PROTO_IGMP, "igmp"}};
   const auto found = kNames.find(protocol);
   return found == kNames.end() ? "" : found->second;
 }
@@ -60,6 +64,11 @@ std::string protocolName(int protocol) {
 ServiceEnd endOf(int protocol, const TLIBCSZLIST* ports) {
   ServiceEnd end;
   end.protocol = protocolName(protocol);
+  // The others have no ports; the platform fills the list with a stand-in for the compiler.
+  if (protocol != FW::FW_PROTO_TCP && protocol != FW::FW_PROTO_UDP &&
+      protocol != FW::FW_PROTO_TCP_UDP) {
+    return end;
+  }
   for (int index = 0; ports != nullptr && index < ports->count; ++index) {
     end.ports.emplace_back(TLIBCSzListGet(ports, index));
   }

@@ -15,9 +15,8 @@ namespace ops {
 
 // The outcome of a comparison.
 //   compared     false: it could not be made, `reason` says why
-//   differences  "-" + rule that ought to be there and is not, "+" + rule that is there and ought
-//   not to be;
-//                a rule starts with its tool
+//   differences  "-" + rule that is missing, "+" + rule that is surplus; a rule starts with its
+//                tool
 struct Verification {
   bool compared = false;
   std::string reason;

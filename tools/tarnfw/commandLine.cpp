@@ -126,6 +126,8 @@ class Parser {
       line_.text = help();
     } catch (const CLI::CallForVersion& version) {
       line_.text = std::string(version.what()) + "\n";
+    } catch (const CLI::ExtrasError& error) {
+      line_.error = readingOf(named()) == nullptr ? unknownVerb() : words(error);
     } catch (const CLI::ParseError& error) {
       line_.error = words(error);
     }
@@ -193,6 +195,13 @@ class Parser {
       all += (all.empty() ? "" : ", ") + verb->get_name();
     }
     return all;
+  }
+
+  std::string unknownVerb() const {
+    const CLI::App* app = named();
+    const std::vector<std::string> rest = app_.remaining(/*recurse=*/true);
+    return "there is no verb '" + (app == nullptr ? "" : app->get_name() + " ") +
+           (rest.empty() ? "" : rest.front()) + "'" + kSeeHelp;
   }
 
   void take() {

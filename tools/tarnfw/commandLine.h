@@ -10,9 +10,11 @@
 namespace tarnfw {
 
 // What the command line says.
-//   verb     what to do, or null: then `text` is asked for (help, version), or `error` says what
-//   was wrong json     --json stands on the command line, wherever that is and however wrong the
-//   rest quiet    no notes verbose  debug messages too
+//   verb     what to do, or null: then `text` is what was asked for (help, version), or `error`
+//            says what was wrong
+//   json     --json is there, wherever that is and however wrong the rest
+//   quiet    no notes
+//   verbose  debug messages too
 struct CommandLine {
   const Verb* verb = nullptr;
   Request request;

@@ -44,7 +44,7 @@ void addRefusals(const ops::Refusals& refusals, Answer& answer) {
 void addRecovery(const ops::Recovery& recovery, Answer& answer) {
   answer.document["recovered"] = commandTexts(recovery.commands);
   if (recovery.commands.empty()) return;
-  answer.notes.emplace_back("a reload that did not end left the policies closed; opened them");
+  answer.notes.emplace_back("undid what a reload that was killed left behind");
   noteCommands(recovery.commands, answer);
 }
 
@@ -102,7 +102,10 @@ Answer supervisedAnswer(const ops::Supervised& outcome) {
 Answer setUp(const Request& request) {
   const ops::BaseChains chains = request.dryRun ? ops::planBaseChains() : ops::setUpBaseChains();
   const ops::Seed seed = request.dryRun ? ops::planSeed() : ops::seedProfile();
-  const std::vector<std::string> problems = ops::readinessProblems();
+  std::vector<std::string> problems = ops::readinessProblems();
+  const bool toBeSeeded = request.dryRun && !seed.file.empty();
+  const std::string active = toBeSeeded ? "" : ops::activeProfileProblem();
+  if (!active.empty()) problems.push_back(active);
 
   Answer answer;
   if (request.dryRun) {
@@ -160,13 +163,7 @@ Answer reload(const Request& request) {
 
 Answer clear(const Request& request) {
   if (request.dryRun) return planAnswer(ops::planClear());
-  ops::clearRefusals();
-  const bool cleared = FW::TARNFW().fwClear();
-  const ops::Refusals refused = ops::refusals();
-  Answer answer;
-  if (!cleared || refused.count > 0) answer = failed("not every chain was emptied");
-  addRefusals(refused, answer);
-  return answer;
+  return supervisedAnswer(ops::clearFirewall());
 }
 
 Answer recover(const Request& request) {
@@ -178,6 +175,7 @@ Answer recover(const Request& request) {
   if (!lock.held()) return failed(kBusyWords, kBusy);
   ops::LiveFilter filter;
   const ops::Recovery recovery = request.dryRun ? ops::planRecovery() : ops::recover(filter);
+  if (!request.dryRun && recovery.errors.empty()) ops::forgetOpenPolicies();
   lock.release();
 
   const bool reloads = !recovery.commands.empty() && settings.enabled;

@@ -1,6 +1,5 @@
 // The library's log lines of one call. The command logs to standard error as well as to the system
-// log; for
-// --json the lines are collected instead.
+// log; for the option --json the lines are collected instead.
 
 #ifndef TARNFW_TOOLS_LOGCAPTURE_H
 #define TARNFW_TOOLS_LOGCAPTURE_H

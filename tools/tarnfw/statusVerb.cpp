@@ -60,7 +60,7 @@ std::vector<std::string> faultsOf(const ops::Settings& settings, const ops::Live
     faults.emplace_back(
         "a reload is under way or was killed; if it was killed, run 'tarnfw recover'");
   } else if (!filter.open()) {
-    faults.emplace_back("a built-in policy is DROP, and not this firewall set it");
+    faults.emplace_back("a built-in policy is DROP, set by another program");
   }
   const std::size_t loaded = loadedLines(filter.v4) + loadedLines(filter.v6);
   if (settings.enabled && loaded == 0)

@@ -25,9 +25,8 @@ enum Exit {
 };
 
 // What the user asked a verb for.
-//   values  argument or option, as the verb's row spells it ("PROFILE", "--exempt") -> its value; a
-//   flag
-//           that was given has an empty one
+//   values  argument or option, as the verb's row spells it ("PROFILE", "--exempt") -> its value;
+//           a flag that was given has an empty one
 struct Request {
   std::map<std::string, std::string> values;
   bool json = false;
@@ -64,8 +63,8 @@ enum class Effect { kReads, kChanges };  // what changes something has --dry-run
 
 // A row of the table.
 //   name       one or two words
-//   arguments  "NAME", "core|nat" (one of these words), "[--flag]", "[--option VALUE]", "--option
-//   VALUE"
+//   arguments  "NAME", "core|nat" (one of these words), "[--flag]", "[--option VALUE]" and, of an
+//              option that must be given, "--option VALUE"
 struct Verb {
   const char* name;
   const char* arguments;
