@@ -17,7 +17,7 @@
 namespace processes {
 namespace {
 
-constexpr std::chrono::seconds kPatience(10);
+constexpr std::chrono::seconds kPatience(60);
 constexpr std::chrono::milliseconds kBetweenLooks(1);
 
 std::string answerOf(const std::function<std::string()>& work) {

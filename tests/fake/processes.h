@@ -41,7 +41,7 @@ class LockHolder {
   pid_t process_ = -1;
 };
 
-// Asks until `holds` answers true; false when it has not within ten seconds.
+// Asks until `holds` answers true; false when it has not within a minute.
 bool eventually(const std::function<bool()>& holds);
 
 // The record locks that this process holds, as lines of /proc/locks.

@@ -234,11 +234,15 @@ TEST_F(Utils, LoadFollowsALinkToADocument) {
 }
 
 TEST_F(Utils, LoadReadsAFileThatDoesNotTellItsSize) {
-  ASSERT_EQ(0U, fs::file_size("/proc/sys/net/core/somaxconn"));
-  fs::create_symlink("/proc/sys/net/core/somaxconn", kDocument);
+  constexpr char kNumber[] = "/proc/self/oom_score_adj";
+  const std::string before = files::read(kNumber);
+  files::write(kNumber, "517");
+  ASSERT_EQ(0U, fs::file_size(kNumber));
+  fs::create_symlink(kNumber, kDocument);
   Json::Value value;
   EXPECT_TRUE(jsonFileLoad(value, kDocument));
-  EXPECT_EQ(files::read("/proc/sys/net/core/somaxconn"), toText(value) + "\n");
+  EXPECT_EQ("517", toText(value));
+  files::write(kNumber, before);
 }
 
 TEST_F(Utils, LoadOfADirectoryFails) {

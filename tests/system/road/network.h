@@ -37,7 +37,7 @@ class Servers {
 // Who reaches whom, one line for each path, with what got an answer:
 //
 //   client > host    v4 tcp22 tcp80 udp53 ping  v6 tcp22 tcp80 udp53 ping
-//   lan > client     v4 - v6 ping
+//   lan    > client  v4 -  v6 ping
 //
 // Everything is tried at once, each time with a connection of its own. An attempt that a reject
 // answers shows as "tcp22(refused)". Gives up waiting for answers that `expected` names after a few

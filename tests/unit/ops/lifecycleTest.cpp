@@ -58,6 +58,7 @@ constexpr char kOpened[] =
 bool dropThen(const std::function<bool()>& end) { return FW::TARNFW().fwDefaultDrop() && end(); }
 
 bool die(int signal) {
+  (void)std::signal(signal, SIG_DFL);  // the sanitizers' own handlers would end it otherwise
   (void)raise(signal);
   return true;
 }
