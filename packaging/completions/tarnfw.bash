@@ -1,8 +1,11 @@
 # Completion of tarnfw(1) verbs, options and names for bash.
 
+# Offers the names that a verb lists, one to a line; without the rights to read them there are none.
 _tarnfw_names() {
-  # Names come one to a line; without the rights to read them there are none to offer.
-  tarnfw "$@" 2>/dev/null
+  local name
+  while IFS= read -r name; do
+    [[ $name == "$current"* ]] && COMPREPLY+=("$(printf '%q' "$name")")
+  done < <(tarnfw "$@" 2>/dev/null)
 }
 
 _tarnfw() {
@@ -17,10 +20,14 @@ _tarnfw() {
     [[ $word == -* ]] || words+=("$word")
   done
   [[ $previous == --exempt ]] && return
+  if [[ $previous == --adapter ]]; then
+    _tarnfw_names adapter list
+    return
+  fi
   position=${#words[@]}
 
-  local verbs="setup enable disable reload clear recover status compile profile update adapter service
-    country modules"
+  local verbs="setup enable disable reload clear recover status compile query profile update"
+  verbs+=" adapter service country modules"
   local changing="--dry-run"
   local common="--json --quiet --verbose --help"
   local options=$common candidates=""
@@ -31,30 +38,56 @@ _tarnfw() {
     status) options="$common --verify" ;;
     compile)
       options="$common --no-state --exempt"
-      ((position == 1)) && candidates=$(_tarnfw_names profile list)
+      ((position == 1)) && _tarnfw_names profile list
       ;;
     profile)
       case "${words[1]-}" in
         "") candidates="list show create delete rename use" ;;
-        show) ((position == 2)) && candidates=$(_tarnfw_names profile list) ;;
+        show) ((position == 2)) && _tarnfw_names profile list ;;
         create) options="$common $changing" ;;
         delete | rename)
           options="$common $changing"
-          ((position == 2)) && candidates=$(_tarnfw_names profile list)
+          ((position == 2)) && _tarnfw_names profile list
           ;;
         use)
           options="$common $changing --no-reload"
-          ((position == 2)) && candidates=$(_tarnfw_names profile list)
+          ((position == 2)) && _tarnfw_names profile list
           ;;
       esac
       ;;
-    adapter | service) ((position == 1)) && candidates="list" ;;
+    query)
+      case "${words[1]-}" in
+        "") candidates="port service" ;;
+        port)
+          options="$common --protocol --direction --adapter"
+          [[ $previous == --protocol ]] && candidates="tcp udp both"
+          [[ $previous == --direction ]] && candidates="dst src"
+          ;;
+        service) options="$common --adapter" ;;
+      esac
+      ;;
+    adapter)
+      case "${words[1]-}" in
+        "") candidates="list rename" ;;
+        rename)
+          options="$common $changing --reload"
+          ((position == 2)) && _tarnfw_names adapter list
+          ;;
+      esac
+      ;;
+    service)
+      case "${words[1]-}" in
+        "") candidates="list reserve remove" ;;
+        reserve) options="$common $changing --adapter --allow --deny --reload" ;;
+        remove) options="$common $changing" ;;
+      esac
+      ;;
     country)
       case "${words[1]-}" in
         "") candidates="list ranges" ;;
         ranges)
           options="$common --ipv6"
-          ((position == 2)) && candidates=$(_tarnfw_names country list)
+          ((position == 2)) && _tarnfw_names country list
           ;;
       esac
       ;;
@@ -67,8 +100,12 @@ _tarnfw() {
       ;;
   esac
 
-  [[ $current == -* ]] && candidates=$options
-  local IFS=$'\n'
-  [[ $candidates == *$'\n'* ]] || IFS=$' \t\n'
-  mapfile -t COMPREPLY < <(compgen -W "$candidates" -- "$current")
+  if [[ $current == -* ]]; then
+    candidates=$options
+    COMPREPLY=()
+  fi
+  local candidate
+  for candidate in $candidates; do
+    [[ $candidate == "$current"* ]] && COMPREPLY+=("$candidate")
+  done
 } && complete -F _tarnfw tarnfw

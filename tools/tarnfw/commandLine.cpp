@@ -18,6 +18,7 @@ struct Argument {
   std::string name;   // "PROFILE", "core|nat", "--exempt"
   std::string value;  // an option's value ("ADDRESS"); empty for flags and positional arguments
   bool required = true;
+  bool alternative = false;  // a flag of a choice: one of them must be given, and only one
 
   bool positional() const { return name.front() != '-'; }
 };
@@ -39,6 +40,12 @@ std::vector<Argument> argumentsOf(const Verb& verb) {
   std::vector<Argument> arguments;
   std::istringstream words(verb.arguments);
   for (std::string word; words >> word;) {
+    if (word.compare(0, 2, "--") == 0 && word.find('|') != std::string::npos) {
+      for (const std::string& flag : split(word, '|')) {
+        arguments.push_back({flag, "", /*required=*/false, /*alternative=*/true});
+      }
+      continue;
+    }
     Argument argument;
     argument.required = word.front() != '[';
     argument.name = argument.required ? word : word.substr(1);
@@ -102,8 +109,9 @@ std::string helpOnAll(const std::string& prefix) {
          "  --verbose  the library's debug messages too\n"
          "  --dry-run  print what would be done and do nothing\n"
          "  --version  print the version\n\n"
-         "Exit status: 0 done, 1 failed, 2 misused, 3 status: off, 4 could not read, 5 live rules differ\n"
-         "from the profile, 8 busy, 77 needs root. See tarnfw(1).\n";
+         "Exit status: 0 done (query: allowed), 1 failed (query: blocked), 2 misused, 3 status: off,\n"
+         "4 could not read, 5 live rules differ from the profile, 8 busy, 10 query: partly blocked,\n"
+         "77 needs root. See tarnfw(1).\n";
 }
 
 // The program's options and verbs, as CLI11 reads them.
@@ -204,6 +212,18 @@ class Parser {
            (rest.empty() ? "" : rest.front()) + "'" + kSeeHelp;
   }
 
+  // Is one of the flags that exclude each other given, and only one? A verb has at most one choice.
+  static bool choiceMade(const Reading& reading) {
+    std::size_t offered = 0;
+    std::size_t given = 0;
+    for (std::size_t index = 0; index < reading.arguments.size(); ++index) {
+      if (!reading.arguments[index].alternative) continue;
+      ++offered;
+      if (reading.options[index]->count() != 0) ++given;
+    }
+    return offered == 0 || given == 1;
+  }
+
   void take() {
     const CLI::App* app = named();
     const Reading* reading = readingOf(app);
@@ -212,6 +232,12 @@ class Parser {
           (app == nullptr ? std::string("a verb is missing")
                           : app->get_name() + ": the second word of the verb is missing") +
           kSeeHelp;
+      return;
+    }
+    if (!choiceMade(*reading)) {
+      line_.error = std::string(reading->verb->name) +
+                    ": one of its alternatives must be given, and only one (" +
+                    usageOf(*reading->verb) + ")";
       return;
     }
     line_.verb = reading->verb;

@@ -168,8 +168,10 @@ Answer clear(const Request& request) {
 
 Answer recover(const Request& request) {
   ops::Settings settings;
+  std::string unreadable;
+  // Settings that cannot be read keep nothing shut: they only leave open what to load afterwards.
+  const bool known = ops::readSettings(settings, unreadable);
   Answer answer;
-  if (!settingsFor(settings, answer)) return answer;
 
   ops::ExecutionLock lock;
   if (!lock.held()) return failed(kBusyWords, kBusy);
@@ -178,7 +180,7 @@ Answer recover(const Request& request) {
   if (!request.dryRun && recovery.errors.empty()) ops::forgetOpenPolicies();
   lock.release();
 
-  const bool reloads = !recovery.commands.empty() && settings.enabled;
+  const bool reloads = known && !recovery.commands.empty() && settings.enabled;
   if (request.dryRun) {
     ops::Plan plan;
     plan.run(recovery.commands);
@@ -199,6 +201,9 @@ Answer recover(const Request& request) {
   if (!recovery.errors.empty()) {
     answer.exit = kFailed;
     answer.error = "the policies could not be opened or checked";
+  } else if (!known) {
+    answer.exit = kFailed;
+    answer.error = "nothing is loaded: " + unreadable;
   }
   return answer;
 }

@@ -119,9 +119,9 @@ Answer serviceList(const Request&) {
   for (const ops::Service& service : services) {
     answer.document.append(toJson(service));
     const std::string source = portText(service.source, "source ");
-    const std::string destination = portText(service.destination, "");
-    const char* separator = source.empty() || destination.empty() ? "" : ", ";
-    rows.push_back({printable(service.name), destination + separator + source,
+    std::string ports = portText(service.destination, "");
+    if (!source.empty()) ports += (ports.empty() ? "" : ", ") + source;
+    rows.push_back({printable(service.name), ports,
                     printable(service.title) + (service.available ? "" : " (not available)")});
   }
   answer.text = table(rows);

@@ -1,12 +1,10 @@
 // Verbs on stored profiles.
 
-#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "lifecycleVerbs.h"
-#include "logCapture.h"
+#include "documentChanges.h"
 #include "network.h"
 #include "ops/jsonText.h"
 #include "ops/profileStore.h"
@@ -16,8 +14,6 @@
 
 namespace tarnfw {
 namespace {
-
-std::string quoted(const std::string& name) { return "'" + name + "'"; }
 
 Answer noSuchProfile(const std::string& name) {
   return failed("there is no profile " + quoted(name));
@@ -37,24 +33,6 @@ Answer badName(const std::string& name) {
                     " cannot be a profile's name: it is empty, has control characters or is not "
                     "UTF-8",
                 kUsage);
-}
-
-// Carries out `change`, or with --dry-run on a copy, and tells what it did to the documents.
-Answer changeDocuments(const Request& request, const std::function<bool()>& change,
-                       const std::string& failure) {
-  if (!request.dryRun) return change() ? Answer() : failed(failure);
-  const ops::Rehearsal rehearsal = ops::rehearse(change);
-  Answer answer;
-  if (rehearsal.rehearsed && rehearsal.done) {
-    ops::Plan plan;
-    for (const ops::DocumentChange& one : rehearsal.changes) plan.change(one);
-    answer = planAnswer(plan);
-  } else {
-    answer = failed(rehearsal.rehearsed ? failure : rehearsal.reason);
-  }
-  for (const std::string& line : withoutProgramName(rehearsal.messages))
-    answer.notes.push_back(line);
-  return answer;
 }
 
 std::string policyWord(FW::FW_POLICY policy) {

@@ -56,10 +56,12 @@ std::vector<std::string> faultsOf(const ops::Settings& settings, const ops::Live
   std::vector<std::string> faults;
   const std::vector<std::string> missing = ops::missingChains(filter);
   if (!missing.empty()) faults.push_back(ops::missingWords(missing));
-  if (filter.marks() > 0) {
+  const bool marked = filter.marks() > 0;
+  if (marked) {
     faults.emplace_back(
         "a reload is under way or was killed; if it was killed, run 'tarnfw recover'");
-  } else if (!filter.open()) {
+  }
+  if (!marked && !filter.open()) {
     faults.emplace_back("a built-in policy is DROP, set by another program");
   }
   const std::size_t loaded = loadedLines(filter.v4) + loadedLines(filter.v6);

@@ -16,11 +16,13 @@ namespace tarnfw {
 enum Exit {
   kDone = 0,
   kFailed = 1,
+  kBlocked = 1,  // query
   kUsage = 2,
   kOff = 3,      // status: the firewall is off
   kUnknown = 4,  // settings or packet filter could not be read
   kDiffers = 5,  // status: the live rules are not those of the profile
   kBusy = 8,     // the execution lock was not had in time
+  kPartly = 10,  // query: partly blocked
   kNeedsRoot = 77,
 };
 
@@ -64,7 +66,7 @@ enum class Effect { kReads, kChanges };  // what changes something has --dry-run
 // A row of the table.
 //   name       one or two words
 //   arguments  "NAME", "core|nat" (one of these words), "[--flag]", "[--option VALUE]" and, of an
-//              option that must be given, "--option VALUE"
+//              option that must be given, "--option VALUE"; "--flag|--other" is one of two flags
 struct Verb {
   const char* name;
   const char* arguments;
@@ -85,6 +87,8 @@ Answer clear(const Request& request);
 Answer recover(const Request& request);
 Answer status(const Request& request);
 Answer compile(const Request& request);
+Answer queryPort(const Request& request);
+Answer queryService(const Request& request);
 Answer profileList(const Request& request);
 Answer profileShow(const Request& request);
 Answer profileCreate(const Request& request);
@@ -93,7 +97,10 @@ Answer profileRename(const Request& request);
 Answer profileUse(const Request& request);
 Answer update(const Request& request);
 Answer adapterList(const Request& request);
+Answer adapterRename(const Request& request);
 Answer serviceList(const Request& request);
+Answer serviceReserve(const Request& request);
+Answer serviceRemove(const Request& request);
 Answer countryList(const Request& request);
 Answer countryRanges(const Request& request);
 Answer modulesLoad(const Request& request);
