@@ -22,9 +22,9 @@ bool isMark(const std::string& rule) {
 void appendChain(const LiveRules& rules, Family family, const char* chain,
                  std::vector<std::string>& lines) {
   if (!rules.has(chain)) return;
-  const std::string tool = toolOf(family);
-  lines.push_back(tool + " -N " + chain);
-  for (const std::string& rule : rules.rules(chain)) lines.push_back(tool + " " + rule);
+  const std::string tool = std::string(toolOf(family)) + " ";
+  lines.push_back(tool + "-N " + chain);
+  for (const std::string& rule : rules.rules(chain)) lines.push_back(tool + rule);
 }
 
 }  // namespace

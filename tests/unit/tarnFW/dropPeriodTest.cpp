@@ -466,7 +466,7 @@ class Caller : public DropPeriod, public testing::WithParamInterface<CallerRow> 
 };
 
 TEST_P(Caller, FindsThePoliciesOpen) {
-  processes::Child child([this] {
+  processes::Child child([] {
     (void)trace::take();
     expectTermination();
     return GetParam().caller();
