@@ -187,11 +187,6 @@ constexpr char kSwitchedOn[] =
   "   \"profile\" : \"office\",\n"
   "   \"status\" : true\n"
   "}\n";
-constexpr char kSwitchedOff[] =
-  "{\n"
-  "   \"profile\" : \"office\",\n"
-  "   \"status\" : false\n"
-  "}\n";
 
 const std::string kLocked =
   "lock /tmp/firewall_iptables_exec.lock 1 30\n"
