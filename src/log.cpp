@@ -18,6 +18,7 @@ constexpr std::size_t kUsualLength = 1024;  // bytes; longer texts (module lists
   char usual[kUsualLength];
   std::va_list again;
   va_copy(again, arguments);
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the caller has started the list
   const int length = std::vsnprintf(usual, sizeof usual, text, arguments);
   std::unique_ptr<char[]> longer;
   const char* message = usual;

@@ -102,7 +102,8 @@ int main(int argc, char** argv) {
   }
   if (step->action == "signal") {
     keep(command, "signal " + std::to_string(step->number));
-    (void)std::signal(step->number, SIG_DFL);  // the sanitizers' own handlers would end it otherwise
+    (void)std::signal(step->number,
+                      SIG_DFL);  // the sanitizers' own handlers would end it otherwise
     (void)std::raise(step->number);
     return kBroken;
   }
