@@ -1,9 +1,8 @@
 // How a program is run:
 //
 //   caller   blocks its signals, makes the helper, sleeps until it has ended, reads the result
-//   helper   shares the caller's memory but has its own descriptors and signal table; makes the
-//   tool
-//            process, waits for it with the time limit, stores the result
+//   helper   shares the caller's memory, has its own descriptors and signal table; makes the
+//            tool process, waits for it with the time limit, stores the result
 //   tool     arranges signals and descriptors 0 to 2 and becomes the program
 //
 // The helper exists because the kernel reports a program's end to its parent, by SIGCHLD, and the
@@ -87,7 +86,7 @@ struct Run {
   int status = -1;
   int signal = 0;
   bool timedOut = false;
-  int error = 0;  // errno value of the step that failed before the program ran
+  int error = 0;  // errno value of the step that failed
   alignas(16) unsigned char helperStack[kStackBytes];
   alignas(16) unsigned char toolStack[kStackBytes];
 

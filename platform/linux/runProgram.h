@@ -34,10 +34,10 @@ struct Outcome {
 };
 
 // The program gets /dev/null as standard input, no descriptor above 2, every signal at its default
-// and unblocked. A start that fails for want of resources is repeated for at most 5 seconds. What
-// it prints beyond 16 MiB into `words` is refused with EPERM. `words` is filled unless the status
-// is 0. Allocates nothing; the calling thread's signals and its cancellation are
-// put off until the program has ended. Needs 20 KiB of stack.
+// and unblocked. A start that fails for want of resources is repeated for at most 5 seconds.
+// `words` is filled unless the status is 0; what is printed beyond 16 MiB is refused with EPERM
+// then. Allocates nothing, needs 20 KiB of stack. The calling thread's signals and its cancellation
+// are put off until the program has ended.
 Outcome runProgram(const Program& program);
 
 }  // namespace tarnrun

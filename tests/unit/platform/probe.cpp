@@ -2,22 +2,33 @@
 // process group, on standard output.
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <map>
+#include <string>
 
 namespace {
 
 void printDescriptors() {
-  for (int fd = 0; fd < 65536; ++fd) {
-    char link[64];
+  DIR* directory = opendir("/proc/self/fd");
+  if (directory == nullptr) return;
+  std::map<int, std::string> targets;
+  while (const dirent* entry = readdir(directory)) {
     char target[256] = {};
-    (void)std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    if (readlink(link, target, sizeof target - 1) < 0) continue;
-    const bool isOutput = std::strncmp(target, "/memfd:", 7) == 0;
-    std::printf("descriptor %d %s\n", fd, isOutput ? "(output)" : target);
+    const int fd = std::atoi(entry->d_name);  // NOLINT(cert-err34-c): the kernel's number
+    if (fd == dirfd(directory) ||
+        readlinkat(dirfd(directory), entry->d_name, target, sizeof target - 1) < 0) {
+      continue;
+    }
+    targets[fd] = target;
+  }
+  (void)closedir(directory);
+  for (const auto& entry : targets) {
+    const bool isOutput = entry.second.rfind("/memfd:", 0) == 0;
+    std::printf("descriptor %d %s\n", entry.first, isOutput ? "(output)" : entry.second.c_str());
   }
 }
 
