@@ -63,7 +63,7 @@ Pairs measure(const Size& size, Ports ports, const bench::Options& options) {
                                     }));
   bench::print(
       timedRow("compile",
-               std::to_string(reads) + " parses and a write" + (services ? " and the service table" : ""),
+               std::to_string(reads) + (services ? " + service table" : "") + " parses and a write",
                rulesText(size.rules), pairs, kBound));
   return pairs;
 }

@@ -242,15 +242,16 @@ mode_t modeForDocument(const std::string& path) {
   return info.st_mode & kWidestDocumentMode;
 }
 
-// Opens the temporary file empty. A file that is also known by another name is not the one that an
-// earlier dump left, and is not truncated.
+// Opens the temporary file empty. A file that is also known by another name or belongs to somebody
+// else is not the one that an earlier dump left: it is not truncated and does not become the
+// document, which would then be its owner's to change.
 int openTemporary(const std::string& path, mode_t mode) {
   constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   const int fd = open(path.c_str(), kFlags, mode);
   if (fd < 0) return fd;
   struct stat info = {};
   if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink == 1 &&
-      ftruncate(fd, 0) == 0 && fchmod(fd, mode) == 0) {
+      info.st_uid == geteuid() && ftruncate(fd, 0) == 0 && fchmod(fd, mode) == 0) {
     return fd;
   }
   (void)close(fd);

@@ -94,7 +94,8 @@ Members membersOf(const Json::Value& object) {
     return members;
   }
   std::size_t next = 0;
-  for (Json::Value::const_iterator member = object.begin(); member != object.end(); ++member) {
+  const Json::Value::const_iterator last = object.end();
+  for (Json::Value::const_iterator member = object.begin(); member != last; ++member) {
     const char* end = nullptr;
     const char* begin = member.memberName(&end);
     const std::string_view name(begin, static_cast<std::size_t>(end - begin));

@@ -506,7 +506,7 @@ void PrintTo(const SquatterRow& row, std::ostream* out) { *out << row.name; }
 // clang-format off
 const std::vector<SquatterRow> kSquatterRows = {
     {"File", Squatter::kFile, true},
-    {"ForeignFile", Squatter::kForeignFile, true},
+    {"ForeignFile", Squatter::kForeignFile, false},
     {"FileOpenToAll", Squatter::kOpenFile, true},
     {"Link", Squatter::kLink, false},
     {"DanglingLink", Squatter::kDanglingLink, false},
