@@ -105,7 +105,7 @@ void measureCaller(const TwinNetworks& networks, const bench::Options& options, 
     const CommandList commands(bench::commandLines(document));
     Pairs pairs;
     for (int call = 0; call < options.times(size.calls, size.quickCalls); ++call) {
-      networks.flush();
+      networks.flushInput();
       pairs.add(bench::lockstep(networks, commands, bench::Span::kCall, [&document] {
         require(FW::TARNFW().fwExec(document), "fwExec fails");
       }));
@@ -126,7 +126,7 @@ void measureFork(const TwinNetworks& networks, const bench::Options& options) {
       require(run(commands.data(), commands.size()) == 0, "a command of the loop fails");
     });
     return [&networks, work] {
-      networks.flush();
+      networks.flushInput();
       return work();
     };
   };

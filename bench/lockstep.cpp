@@ -36,10 +36,8 @@ void makeBaseChains() {
   }
 }
 
-void flushChains() {
-  for (const std::string tool : {"/sbin/iptables", "/sbin/ip6tables"}) {
-    run({tool + " -F INPUT_FIREWALL", tool + " -F FORWARD_FIREWALL"});
-  }
+void flushInput() {
+  run({"/sbin/iptables -F INPUT_FIREWALL", "/sbin/ip6tables -F INPUT_FIREWALL"});
 }
 
 int ownNetwork() {
@@ -148,11 +146,11 @@ void TwinNetworks::enterOurs() const { require(setns(ours_, CLONE_NEWNET) == 0, 
 
 void TwinNetworks::enterBare() const { require(setns(bare_, CLONE_NEWNET) == 0, "setns"); }
 
-void TwinNetworks::flush() const {
+void TwinNetworks::flushInput() const {
   enterBare();
-  flushChains();
+  bench::flushInput();
   enterOurs();
-  flushChains();
+  bench::flushInput();
 }
 
 Pairs lockstep(const TwinNetworks& networks, const CommandList& commands, Span span,

@@ -23,8 +23,8 @@ class TwinNetworks {
   // Moves this process: the library runs in the one, the bare loop in the other.
   void enterOurs() const;
   void enterBare() const;
-  // Empties the firewall chains of both.
-  void flush() const;
+  // Empties INPUT_FIREWALL of both.
+  void flushInput() const;
 
  private:
   int ours_ = -1;

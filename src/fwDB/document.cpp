@@ -56,7 +56,7 @@ void appendTexts(const Json::Value& array, std::vector<std::string>& texts) {
 }
 
 // The members of a rule object that are read, in byte order, which is the order that jsoncpp keeps
-// them in: one walk finds all of them, in less than half the time that a look-up each takes.
+// them in: one walk finds them all, in half the time that looking each up takes.
 enum Member {
   kAdapterDirect,
   kBlLog,
