@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <numeric>
+#include <random>
 
 namespace bench {
 namespace {
@@ -31,6 +33,27 @@ Estimate estimate(std::vector<double> samples) {
   const std::size_t out = leftOut(count);
   const double median = (samples[(count - 1) / 2] + samples[count / 2]) / 2;
   return {median, samples[out], samples[count - 1 - out]};
+}
+
+Estimate ratioOfSums(const std::vector<double>& ours, const std::vector<double>& bare) {
+  constexpr std::size_t kDraws = 1000;
+  constexpr auto kOutsideDraws = static_cast<std::size_t>(kDraws * kOutside / 2);  // at each end
+  std::mt19937 random;  // NOLINT(cert-msc51-cpp): the same draws in every run
+  std::vector<double> ratios;
+  for (std::size_t draw = 0; draw < kDraws; ++draw) {
+    double oursSum = 0;
+    double bareSum = 0;
+    for (std::size_t count = 0; count < ours.size(); ++count) {
+      const std::size_t index = random() % ours.size();
+      oursSum += ours[index];
+      bareSum += bare[index];
+    }
+    ratios.push_back(oursSum / bareSum);
+  }
+  std::sort(ratios.begin(), ratios.end());
+  return {std::accumulate(ours.begin(), ours.end(), 0.0) /
+              std::accumulate(bare.begin(), bare.end(), 0.0),
+          ratios[kOutsideDraws], ratios[kDraws - 1 - kOutsideDraws]};
 }
 
 Estimate quotient(const Estimate& upper, const Estimate& lower) {

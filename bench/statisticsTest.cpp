@@ -44,6 +44,20 @@ TEST(Statistics, MedianAndInterval) {
   }
 }
 
+TEST(Statistics, RatioOfSums) {
+  // Every pair has the ratio 2: no draw can give another.
+  const Estimate steady = bench::ratioOfSums({2, 4, 20}, {1, 2, 10});
+  EXPECT_EQ(steady.median, 2);
+  EXPECT_EQ(steady.low, 2);
+  EXPECT_EQ(steady.high, 2);
+  // A large pair weighs more than a small one; draws with and without it span the interval.
+  const Estimate mixed = bench::ratioOfSums({1, 1, 1, 1, 30}, {1, 1, 1, 1, 10});
+  EXPECT_EQ(mixed.median, 34.0 / 14.0);
+  EXPECT_EQ(mixed.low, 1);
+  EXPECT_GT(mixed.high, 2.7);
+  EXPECT_LT(mixed.high, 3);
+}
+
 TEST(Statistics, QuotientIsAsWideAsItCanBe) {
   const Estimate found = bench::quotient({4, 3, 6}, {2, 1, 3});
   EXPECT_EQ(found.median, 2);
