@@ -188,7 +188,8 @@ class Attempt {
   // Raw sockets get every packet of their protocol, IPv4 ones with the header.
   bool isMyEcho(const std::uint8_t* packet) const {
     const bool v4 = address_.family() == AF_INET;
-    const std::uint8_t* const icmp = v4 ? packet + (packet[0] & 0x0f) * 4 : packet;
+    const std::size_t header = v4 ? (packet[0] & 0x0fU) * 4 : 0;
+    const std::uint8_t* const icmp = packet + header;
     const int id = icmp[4] << 8 | icmp[5];
     return icmp[0] == (v4 ? ICMP_ECHOREPLY : ICMP6_ECHO_REPLY) && id == id_;
   }

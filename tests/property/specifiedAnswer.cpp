@@ -1,0 +1,168 @@
+#include "specifiedAnswer.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <vector>
+
+#include "network.h"
+
+namespace property {
+namespace {
+
+using FW::FW_POLICY;
+using FW::FWRULE;
+using FW::PortCompareST;
+
+// --- does a rule match a query? ---
+
+struct PortSet {
+  int direction;
+  int protocol;
+  std::vector<std::string> ports;
+};
+
+// The sets of ports that a rule is tried with, in order.
+std::vector<PortSet> portSetsOf(const FWRULE& rule, const PortCompareST& query) {
+  if (rule.portGroup == 1) return {{rule.portDirect, rule.protocol, rule.portList}};
+  std::vector<PortSet> sets;
+  if (rule.portGroup != 0 && rule.portGroup != 2) return sets;
+  const bool ofSource = query.portDirect == 1;
+  for (const std::string& name : rule.portList) {
+    const Service* const service = findService(name);
+    if (service == nullptr || !service->available) continue;
+    const int protocol = ofSource ? service->sourceProtocol : service->destinationProtocol;
+    const std::vector<std::string>& ports =
+        ofSource ? service->sourcePorts : service->destinationPorts;
+    if (!ports.empty()) sets.push_back({ofSource ? 1 : 0, protocol, ports});
+  }
+  return sets;
+}
+
+bool matches(bool deny, const PortSet& set, const PortCompareST& query) {
+  if (set.direction != query.portDirect) return false;
+  if (set.protocol != 3 && set.protocol != query.protocol && !(deny && query.protocol == 3)) {
+    return false;
+  }
+  const PortRange asked = rangeOf(query.port);
+  return std::any_of(set.ports.begin(), set.ports.end(), [&](const std::string& text) {
+    const PortRange listed = rangeOf(text);
+    if (deny) return asked.first <= listed.last && listed.first <= asked.last;
+    return listed.first <= asked.first && asked.last <= listed.last;
+  });
+}
+
+// --- the walk over the rules of one adapter ---
+
+constexpr int kKeep = -1;
+
+struct Cell {
+  int verdict;
+  bool goesOn;
+};
+
+// Rows: the entry is 0, 1 or 2; 3; 4; 5; 6 or more. Columns: the rule allows, denies, does neither.
+constexpr int kItsPolicy = -2;
+constexpr std::array<std::array<Cell, 3>, 5> kEveryAddress = {
+    {{{{kItsPolicy, false}, {kItsPolicy, false}, {kItsPolicy, false}}},
+     {{{kKeep, false}, {kKeep, false}, {kKeep, false}}},
+     {{{0, false}, {4, false}, {kKeep, false}}},
+     {{{5, false}, {1, false}, {kKeep, false}}},
+     {{{kKeep, false}, {kKeep, false}, {kKeep, false}}}}};
+constexpr std::array<std::array<Cell, 3>, 5> kSomeAddresses = {
+    {{{{4, true}, {5, true}, {kKeep, true}}},
+     {{{kKeep, false}, {kKeep, false}, {kKeep, false}}},
+     {{{kKeep, true}, {3, false}, {kKeep, false}}},
+     {{{3, false}, {kKeep, true}, {kKeep, false}}},
+     {{{kKeep, false}, {kKeep, false}, {kKeep, false}}}}};
+
+Cell cellFor(const FWRULE& rule, int entry) {
+  const int policy = rule.policy;
+  if (rule.ipGroup != 5 && entry <= 2 && entry == policy) return {kKeep, true};
+  const std::size_t row = entry <= 2 ? 0 : static_cast<std::size_t>(std::min(entry, 6) - 2);
+  const std::size_t column = policy == 0 ? 0 : policy == 1 ? 1 : 2;
+  Cell cell = (rule.ipGroup == 5 ? kEveryAddress : kSomeAddresses)[row][column];
+  if (cell.verdict == kItsPolicy) cell.verdict = policy;
+  return cell;
+}
+
+void walk(const FW::FWPROFILE& profile, const std::string& key, const PortCompareST& query,
+          FW::AdapterPolicyMap& verdicts) {
+  const auto rules = profile.rules.find(key);
+  if (rules == profile.rules.end()) return;
+  for (const FWRULE& rule : rules->second) {
+    if (!rule.enable || !concerns(rule, query)) continue;
+    FW_POLICY& entry = verdicts[key];
+    const Cell cell = cellFor(rule, entry);
+    if (cell.verdict != kKeep) entry = static_cast<FW_POLICY>(cell.verdict);
+    if (!cell.goesOn) return;
+  }
+}
+
+bool hasRules(const FW::FWPROFILE& profile, const std::string& adapter) {
+  const auto rules = profile.rules.find(adapter);
+  return rules != profile.rules.end() && !rules->second.empty();
+}
+
+void walkEverything(const FW::FWPROFILE& profile, const Query& query,
+                    FW::AdapterPolicyMap& verdicts) {
+  const FW::AdapterPolicyMap& policies = profile.adapterPolicyMap;
+  const bool everyone = query.adapter.empty();
+  verdicts["global"] = FW::FW_POLICY_NONE;
+  for (const auto& [adapter, policy] : policies) {
+    if (everyone || adapter == query.adapter) verdicts[adapter] = policy;
+  }
+  if (hasRules(profile, "global")) {
+    walk(profile, "global", query.port, verdicts);
+    const int global = verdicts["global"];
+    if (global == kAllowed || global == kBlocked || global == kPartly) {
+      if (!everyone) verdicts[query.adapter] = static_cast<FW_POLICY>(global);
+      for (const auto& [adapter, policy] : policies) {
+        if (everyone) verdicts[adapter] = static_cast<FW_POLICY>(global);
+      }
+      return;
+    }
+  }
+  if (!everyone && policies.count(query.adapter) == 0) {
+    verdicts[query.adapter] = FW::FW_POLICY_ALLOW;
+    if (!hasRules(profile, query.adapter)) return;
+  }
+  for (const auto& [adapter, rules] : profile.rules) {
+    if (everyone || adapter == query.adapter) walk(profile, adapter, query.port, verdicts);
+  }
+}
+
+}  // namespace
+
+PortRange rangeOf(const std::string& text) {
+  const std::size_t dash = text.find('-');
+  const long first = std::strtol(text.c_str(), nullptr, 10);
+  if (dash == std::string::npos) return {first, first};
+  return {first, std::strtol(text.c_str() + dash + 1, nullptr, 10)};
+}
+
+bool concerns(const FWRULE& rule, const PortCompareST& query) {
+  if (rule.portGroup == 3) return true;
+  const bool deny = rule.policy == FW::FW_POLICY_DENY;
+  const std::vector<PortSet> sets = portSetsOf(rule, query);
+  return std::any_of(sets.begin(), sets.end(),
+                     [&](const PortSet& set) { return matches(deny, set, query); });
+}
+
+std::string describe(const Query& query) {
+  static constexpr std::array<const char*, 4> kNames = {"?", "tcp", "udp", "both"};
+  return std::string(query.port.portDirect == 1 ? "src " : "dst ") +
+         kNames[static_cast<std::size_t>(query.port.protocol)] + " " + query.port.port + " on " +
+         (query.adapter.empty() ? "every adapter" : query.adapter);
+}
+
+FW::AdapterPolicyMap specifiedAnswer(const FW::FWPROFILE& profile, const Query& query) {
+  FW::AdapterPolicyMap verdicts;
+  walkEverything(profile, query, verdicts);
+  for (auto& [adapter, verdict] : verdicts) {
+    if (verdict == 4 || verdict == 5) verdict = static_cast<FW_POLICY>(kPartly);
+  }
+  return verdicts;
+}
+
+}  // namespace property
