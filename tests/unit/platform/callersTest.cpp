@@ -140,9 +140,9 @@ std::vector<int> descriptors() {
   return open;
 }
 
-// How many of 20 runs each gave the right status, and whether they left descriptors behind.
+// How many of 10 runs each gave the right status, and whether they left descriptors behind.
 std::string statuses() {
-  constexpr int kRuns = 20;
+  constexpr int kRuns = 10;
   const struct {
     Arguments arguments;
     int status;
@@ -285,13 +285,13 @@ const std::vector<CallerRow> kCallerRows = {
 TEST_P(Callers, GetTheRightStatus) {
   for (const CallerRow& row : kCallerRows) {
     SCOPED_TRACE(row.name);
-    EXPECT_EQ("20 20 20 20 of 20", answerOf(GetParam(), row.run));
+    EXPECT_EQ("10 10 10 10 of 10", answerOf(GetParam(), row.run));
   }
 }
 
 TEST_P(Callers, SigchldHandlerIsNeverCalled) {
   static std::atomic<int> calls = 0;
-  EXPECT_EQ("20 20 20 20 of 20, 0 calls", answerOf(GetParam(), [] {
+  EXPECT_EQ("10 10 10 10 of 10, 0 calls", answerOf(GetParam(), [] {
               setChildAction([](int) { ++calls; }, 0);
               const std::string all = statuses();
               return all + ", " + std::to_string(calls) + " calls";

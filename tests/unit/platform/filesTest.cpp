@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,6 +16,20 @@
 
 #include "error.h"
 #include "platformTest.h"
+
+namespace {
+
+// Flushes still to succeed; after them the disk fails.
+int goodFlushes = 1000;
+
+}  // namespace
+
+// In place of the C library's, also for the platform's library.
+extern "C" int fsync(int fd) {
+  if (goodFlushes-- > 0) return static_cast<int>(syscall(SYS_fsync, fd));
+  errno = EIO;
+  return -1;
+}
 
 namespace {
 
@@ -296,6 +311,20 @@ TEST_F(KeyValueFile, FailuresToWriteAreSaid) {
   EXPECT_EQ("a=\"1\"\n", files::read("/tmp/platform/full/file"));
   EXPECT_EQ("file rest", files::listing("/tmp/platform/full"));
   run("umount /tmp/platform/full /tmp/platform/fixed");
+}
+
+TEST_F(KeyValueFile, TextThatDoesNotReachTheDiskDoesNotReplaceTheFile) {
+  files::write(kFile, "a=\"1\"\n");
+  goodFlushes = 0;
+  EXPECT_EQ(-1, set(kFile, "b", "2"));
+  EXPECT_EQ("err tarnPlatform /tmp/platform/file cannot be written: Input/output error",
+            trace::take());
+  EXPECT_EQ("a=\"1\"\n", files::read(kFile));
+  goodFlushes = 1;  // the file's; the directory's fails
+  EXPECT_EQ(0, set(kFile, "b", "2"));
+  EXPECT_EQ("a=\"1\"\nb=\"2\"\n", files::read(kFile));
+  EXPECT_EQ("file", files::listing(kScratch));
+  goodFlushes = 1000;
 }
 
 TEST_F(KeyValueFile, NullArgumentsAreRefused) {
