@@ -6,7 +6,8 @@
 //                      of the caller
 //
 // A worker is what leads a session and is called tarnfw. Its calls are counted in
-// /run/interruption/calls, one byte each; its process number stands in /run/interruption/worker.
+// /run/interruption/calls, one byte each; its process number stands in /run/interruption/worker, that of
+// the interrupted call in /run/interruption/tool.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -24,6 +25,7 @@ namespace {
 constexpr char kPlan[] = "/run/interruption/plan";
 constexpr char kCalls[] = "/run/interruption/calls";
 constexpr char kWorker[] = "/run/interruption/worker";
+constexpr char kTool[] = "/run/interruption/tool";
 
 struct Plan {
   long call = 0;
@@ -71,7 +73,9 @@ void interrupt(const Plan& plan) {
   if (leader.name != "(tarnfw)") return;
   const long call = countCall();
   std::ofstream(kWorker) << worker;
-  if (call == plan.call) send(plan, worker, processOf(leader.parent));
+  if (call != plan.call) return;
+  std::ofstream(kTool) << getpid();
+  send(plan, worker, processOf(leader.parent));
 }
 
 }  // namespace
