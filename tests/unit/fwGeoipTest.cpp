@@ -399,8 +399,8 @@ struct SanctifyRow {
   const char* name;
   Texts codes;
   bool ipv6;
-  Texts before;
   bool result;
+  Texts before;
   Texts after;
   const char* trace;
 };
@@ -422,22 +422,22 @@ std::string codeOfPathLength(std::size_t length) {
 //
 // clang-format off
 const SanctifyRow kSanctifyRows[] = {
-    {"V4FromEightBytes", {"A0", "A7", "A8", "A9"}, false, {}, true, {"A8", "A9"}, ""},
-    {"V6FromEightBytesToo", {"B0", "B7", "B8", "BV", "BW"}, true, {}, true, {"B8", "BV", "BW"}, ""},
-    {"FilesOfTheOtherFamilyDoNotCount", {"A8", "B8"}, true, {}, true, {"B8"}, ""},
-    {"OrderAndRepetitionsStay", {"US", "A9", "US", "A8"}, false, {}, true, {"US", "A9", "US", "A8"}, ""},
-    {"OnlyEmptyFilesLeaveNothing", {"A0"}, false, {}, false, {}, ""},
-    {"AbsentCountriesLeaveNothing", {"XX", ""}, false, {}, false, {}, ""},
-    {"CodesAreComparedLetterByLetter", {"us", "US "}, false, {}, false, {}, ""},
-    {"NoCodeIsReported", {}, false, {}, false, {}, "err fwGeoip There are no country"},
-    {"NoCodeFailsWhateverIsThere", {}, true, {"kept"}, false, {"kept"}, "err fwGeoip There are no country"},
-    {"ResultCountsWhatWasThere", {"XX"}, false, {"kept"}, true, {"kept"}, ""},
-    {"CodesAreAppended", {"US"}, false, {"kept"}, true, {"kept", "US"}, ""},
-    {"FifoHasNoSize", {"FF", "US"}, false, {}, true, {"US"}, ""},
-    {"DirectoryCountsByItsSize", {"DD"}, false, {}, true, {"DD"}, ""},
-    {"LinkCountsByItsTarget", {"LN"}, false, {}, true, {"LN"}, ""},
-    {"LongestPath", {codeOfPathLength(1023)}, false, {}, true, {codeOfPathLength(1023)}, ""},
-    {"PathOneCharacterTooLongLosesItsEnd", {codeOfPathLength(1024), "US"}, false, {}, true, {"US"}, ""},
+    {"V4FromEightBytes", {"A0", "A7", "A8", "A9"}, false, true, {}, {"A8", "A9"}, ""},
+    {"V6FromEightBytesToo", {"B0", "B7", "B8", "BV", "BW"}, true, true, {}, {"B8", "BV", "BW"}, ""},
+    {"FilesOfTheOtherFamilyDoNotCount", {"A8", "B8"}, true, true, {}, {"B8"}, ""},
+    {"OrderAndRepetitionsStay", {"US", "A9", "US", "A8"}, false, true, {}, {"US", "A9", "US", "A8"}, ""},
+    {"OnlyEmptyFilesLeaveNothing", {"A0"}, false, false, {}, {}, ""},
+    {"AbsentCountriesLeaveNothing", {"XX", ""}, false, false, {}, {}, ""},
+    {"CodesAreComparedLetterByLetter", {"us", "US "}, false, false, {}, {}, ""},
+    {"NoCodeIsReported", {}, false, false, {}, {}, "err fwGeoip There are no country"},
+    {"NoCodeFailsWhateverIsThere", {}, true, false, {"kept"}, {"kept"}, "err fwGeoip There are no country"},
+    {"ResultCountsWhatWasThere", {"XX"}, false, true, {"kept"}, {"kept"}, ""},
+    {"CodesAreAppended", {"US"}, false, true, {"kept"}, {"kept", "US"}, ""},
+    {"FifoHasNoSize", {"FF", "US"}, false, true, {}, {"US"}, ""},
+    {"DirectoryCountsByItsSize", {"DD"}, false, true, {}, {"DD"}, ""},
+    {"LinkCountsByItsTarget", {"LN"}, false, true, {}, {"LN"}, ""},
+    {"LongestPath", {codeOfPathLength(1023)}, false, true, {}, {codeOfPathLength(1023)}, ""},
+    {"PathOneCharacterTooLongLosesItsEnd", {codeOfPathLength(1024), "US"}, false, true, {}, {"US"}, ""},
 };
 // clang-format on
 

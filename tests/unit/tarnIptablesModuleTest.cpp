@@ -25,7 +25,7 @@ constexpr char kStateFile[] = "/tmp/iptables_serv_mod_list";
 std::string recorded() {
   std::string text;
   for (const auto& [service, state] : fake::machine().files[kStateFile]) {
-    text += (text.empty() ? "" : " ") + service + "=" + state;
+    text.append(text.empty() ? "" : " ").append(service).append("=").append(state);
   }
   return text;
 }
@@ -35,10 +35,10 @@ std::string recorded() {
 struct LoadedRow {
   const char* name;
   bool fileExists;
+  bool result;
   KeyValues states;
   Answers answers;
   const char* service;
-  bool result;
   const char* trace;
 };
 
@@ -46,18 +46,18 @@ void PrintTo(const LoadedRow& row, std::ostream* out) { *out << row.service; }
 
 // clang-format off
 const LoadedRow kLoadedRows[] = {
-    {"Yes", true, {{"firewall", "yes"}}, {}, "firewall", true, "get /tmp/iptables_serv_mod_list firewall"},
-    {"No", true, {{"firewall", "no"}}, {}, "firewall", false, "get /tmp/iptables_serv_mod_list firewall"},
-    {"Capitals", true, {{"firewall", "YES"}}, {}, "firewall", false, "get /tmp/iptables_serv_mod_list firewall"},
-    {"TrailingBlank", true, {{"firewall", "yes "}}, {}, "firewall", false, "get /tmp/iptables_serv_mod_list firewall"},
-    {"LeadingBlank", true, {{"firewall", " yes"}}, {}, "firewall", false, "get /tmp/iptables_serv_mod_list firewall"},
-    {"Longer", true, {{"firewall", "yesterday"}}, {}, "firewall", false, "get /tmp/iptables_serv_mod_list firewall"},
-    {"Empty", true, {{"firewall", ""}}, {}, "firewall", false, "get /tmp/iptables_serv_mod_list firewall"},
-    {"ValueThatFillsTheBuffer", true, {{"firewall", std::string(4000, 'y')}}, {}, "firewall", false, "get /tmp/iptables_serv_mod_list firewall"},
-    {"AnotherService", true, {{"vpn", "yes"}}, {}, "firewall", false, "get /tmp/iptables_serv_mod_list firewall"},
-    {"EmptyServiceName", true, {{"", "yes"}}, {}, "", true, "get /tmp/iptables_serv_mod_list "},
-    {"FileIsMissing", false, {{"firewall", "yes"}}, {}, "firewall", false, ""},
-    {"FileCannotBeRead", true, {{"firewall", "yes"}}, {{"get /tmp/iptables_serv_mod_list firewall", -1}}, "firewall", false,
+    {"Yes", true, true, {{"firewall", "yes"}}, {}, "firewall", "get /tmp/iptables_serv_mod_list firewall"},
+    {"No", true, false, {{"firewall", "no"}}, {}, "firewall", "get /tmp/iptables_serv_mod_list firewall"},
+    {"Capitals", true, false, {{"firewall", "YES"}}, {}, "firewall", "get /tmp/iptables_serv_mod_list firewall"},
+    {"TrailingBlank", true, false, {{"firewall", "yes "}}, {}, "firewall", "get /tmp/iptables_serv_mod_list firewall"},
+    {"LeadingBlank", true, false, {{"firewall", " yes"}}, {}, "firewall", "get /tmp/iptables_serv_mod_list firewall"},
+    {"Longer", true, false, {{"firewall", "yesterday"}}, {}, "firewall", "get /tmp/iptables_serv_mod_list firewall"},
+    {"Empty", true, false, {{"firewall", ""}}, {}, "firewall", "get /tmp/iptables_serv_mod_list firewall"},
+    {"ValueThatFillsTheBuffer", true, false, {{"firewall", std::string(4000, 'y')}}, {}, "firewall", "get /tmp/iptables_serv_mod_list firewall"},
+    {"AnotherService", true, false, {{"vpn", "yes"}}, {}, "firewall", "get /tmp/iptables_serv_mod_list firewall"},
+    {"EmptyServiceName", true, true, {{"", "yes"}}, {}, "", "get /tmp/iptables_serv_mod_list "},
+    {"FileIsMissing", false, false, {{"firewall", "yes"}}, {}, "firewall", ""},
+    {"FileCannotBeRead", true, false, {{"firewall", "yes"}}, {{"get /tmp/iptables_serv_mod_list firewall", -1}}, "firewall",
      "get /tmp/iptables_serv_mod_list firewall\nerr tarnIptablesModule failed to get key /tmp/iptables_serv_mod_list from file firewall[0x0400 platform.c:12]"},
 };
 // clang-format on
