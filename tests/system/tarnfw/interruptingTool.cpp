@@ -6,8 +6,8 @@
 //                      of the caller
 //
 // A worker is what leads a session and is called tarnfw. Its calls are counted in
-// /run/interruption/calls, one byte each; its process number stands in /run/interruption/worker, that of
-// the interrupted call in /run/interruption/tool.
+// /run/interruption/calls, one byte each; its process number stands in /run/interruption/worker,
+// that of the interrupted call in /run/interruption/tool.
 
 #include <fcntl.h>
 #include <signal.h>
