@@ -48,19 +48,19 @@ Pairs measure(const Size& size, Ports ports, const bench::Options& options) {
   Json::Value commands;
   const int reads =
       bench::documentReads(bench::kProfilePath, [&commands] { commands = compile(); });
-  const Pairs pairs = bench::inTurn(options.times(size.pairs, size.quickPairs),
-                                    bench::processorTimed([] { (void)compile(); }),
-                                    bench::processorTimed([reads, services, &commands] {
-                                      for (int count = 0; count < reads; ++count) {
-                                        Json::Value document;
-                                        bench::bareParse(bench::kProfilePath, document);
-                                      }
-                                      if (services) {
-                                        Json::Value table;
-                                        bench::bareParse(bench::kServicesPath, table);
-                                      }
-                                      (void)bench::bareWrite(commands);
-                                    }));
+  Pairs pairs = bench::inTurn(options.times(size.pairs, size.quickPairs),
+                              bench::processorTimed([] { (void)compile(); }),
+                              bench::processorTimed([reads, services, &commands] {
+                                for (int count = 0; count < reads; ++count) {
+                                  Json::Value document;
+                                  bench::bareParse(bench::kProfilePath, document);
+                                }
+                                if (services) {
+                                  Json::Value table;
+                                  bench::bareParse(bench::kServicesPath, table);
+                                }
+                                (void)bench::bareWrite(commands);
+                              }));
   bench::print(
       timedRow("compile",
                std::to_string(reads) + (services ? " + service table" : "") + " parses and a write",

@@ -30,19 +30,25 @@ using bench::TwinNetworks;
 constexpr double kBound = 1.05;
 constexpr double kBoundWithDescriptors = 1.10;
 
-constexpr std::size_t kResidentBytes = 200U * 1024 * 1024;
+constexpr std::size_t kMebibyte = 1U << 20;
+constexpr std::size_t kResidentBytes = 200 * kMebibyte;
 constexpr int kOpenDescriptors = 1000;
 
-// `count` lines, half of them in each family.
+// A rule for one address.
+std::string lineFor(const std::string& address) {
+  return "-t filter -A INPUT_FIREWALL -i eth0 -s " + address + " -p tcp --dport 22 -j RETURN";
+}
+
+// `count` lines, half of them in each family, each for another address.
 Json::Value documentOf(int count) {
   Json::Value document(Json::objectValue);
-  for (int number = 0; number < count / 2; ++number) {
+  for (int number = 1; number <= count / 2; ++number) {
     const std::string high = std::to_string(number / 250);
-    const std::string low = std::to_string(number % 250 + 1);
-    const std::string head = "-t filter -A INPUT_FIREWALL -i eth0 -s ";
-    const std::string tail = " -p tcp --dport 22 -j RETURN";
-    document["v4"]["eth0"].append(head + "10.0." + high + "." + low + tail);
-    document["v6"]["eth0"].append(head + "fd00:" + high + "::" + low + tail);
+    const std::string low = std::to_string(number % 250);
+    document["v4"]["eth0"].append(
+        lineFor(std::string("10.0.").append(high).append(".").append(low)));
+    document["v6"]["eth0"].append(
+        lineFor(std::string("fd00:").append(high).append("::").append(low)));
   }
   return document;
 }

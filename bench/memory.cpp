@@ -11,8 +11,10 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include <json/value.h>
 
@@ -33,12 +35,15 @@ constexpr double kKibPerMib = 1024;
 
 // The most memory this process ever had resident, in KiB.
 long peak() {
+  constexpr std::string_view kLabel = "VmHWM:";
   std::FILE* const file = std::fopen("/proc/self/status", "re");
   require(file != nullptr, "/proc/self/status");
   std::array<char, 256> line;
   long kib = 0;
   while (std::fgets(line.data(), line.size(), file) != nullptr) {
-    if (std::sscanf(line.data(), "VmHWM: %ld kB", &kib) == 1) break;
+    if (std::strncmp(line.data(), kLabel.data(), kLabel.size()) == 0) {
+      kib = std::strtol(line.data() + kLabel.size(), nullptr, /*base=*/10);
+    }
   }
   (void)std::fclose(file);
   require(kib > 0, "no VmHWM in /proc/self/status");

@@ -38,7 +38,7 @@ Estimate estimate(std::vector<double> samples) {
 Estimate ratioOfSums(const std::vector<double>& ours, const std::vector<double>& bare) {
   constexpr std::size_t kDraws = 1000;
   constexpr auto kOutsideDraws = static_cast<std::size_t>(kDraws * kOutside / 2);  // at each end
-  std::mt19937 random;  // NOLINT(cert-msc51-cpp): the same draws in every run
+  std::mt19937 random;  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same draws in every run
   std::vector<double> ratios;
   for (std::size_t draw = 0; draw < kDraws; ++draw) {
     double oursSum = 0;
