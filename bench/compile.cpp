@@ -21,6 +21,8 @@ using bench::Pairs;
 using bench::Ports;
 
 constexpr double kBound = 1.3;
+// The bare parse does not check the service table entry by entry, nor makes port lists of it.
+constexpr double kBoundWithServices = 1.4;
 constexpr double kGrowthBound = 1.1;
 
 Json::Value compile() {
@@ -64,7 +66,7 @@ Pairs measure(const Size& size, Ports ports, const bench::Options& options) {
   bench::print(
       timedRow("compile",
                std::to_string(reads) + (services ? " + service table" : "") + " parses and a write",
-               rulesText(size.rules), pairs, kBound));
+               rulesText(size.rules), pairs, services ? kBoundWithServices : kBound));
   return pairs;
 }
 

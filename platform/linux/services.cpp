@@ -66,15 +66,17 @@ struct Service {
 
 using Services = std::map<std::string, Service, std::less<>>;
 
-// Where an error is said to be: file, service, member.
+// Where an error is said to be: file, service, member (empty: the service itself). Made into text
+// when there is an error only: the table is read for every compilation that names a service.
 struct Context {
   const std::string& file;
   const std::string& service;
   std::string member;
 
   bool fail(const std::string& why, int line = __builtin_LINE()) const {
-    here(line).error("%s: service \"%s\"%s%s: %s", file.c_str(), service.c_str(),
-                     member.empty() ? "" : ", ", member.c_str(), why.c_str());
+    const std::string place = member.empty() ? "" : ", member \"" + member + "\"";
+    here(line).error("%s: service \"%s\"%s: %s", file.c_str(), service.c_str(), place.c_str(),
+                     why.c_str());
     return false;
   }
 };
@@ -86,8 +88,9 @@ std::string quoted(const Json::Value& value) {
 }
 
 const Protocol* protocolOf(const Json::Value& value) {
+  const std::string text = value.isString() ? value.asString() : "";
   for (const Protocol& protocol : kProtocols) {
-    if (value.isString() && value.asString() == protocol.name) {
+    if (text == protocol.name) {
       return &protocol;
     }
   }
@@ -130,10 +133,11 @@ bool readPorts(const Json::Value& ports, const Context& context, OwnedList* list
     return context.fail("\"ports\" must be a list of ports, not " + quoted(ports));
   }
   for (const Json::Value& port : ports) {
-    if (!port.isString() || !isPortOrRange(port.asString())) {
+    const std::string text = port.isString() ? port.asString() : "";
+    if (!isPortOrRange(text)) {
       return context.fail("a port is \"22\" or \"6881-6889\", 0 to 65535, not " + quoted(port));
     }
-    push(list, port.asString());
+    push(list, text);
   }
   return true;
 }
@@ -144,7 +148,8 @@ bool readEndpoint(const Json::Value& endpoint, const Context& context, int* prot
   if (!endpoint.isObject()) {
     return context.fail("must be an object, not " + quoted(endpoint));
   }
-  for (const std::string& member : endpoint.getMemberNames()) {
+  for (auto entry = endpoint.begin(); entry != endpoint.end(); ++entry) {
+    const std::string member = entry.name();
     if (member != "protocol" && member != "ports") {
       return context.fail("unknown member \"" + member + "\"");
     }
@@ -175,9 +180,10 @@ bool readService(const Json::Value& value, Context context, Service* service) {
     return context.fail("must be an object, not " + quoted(value));
   }
   bool available = true;
-  for (const std::string& member : value.getMemberNames()) {
-    context.member = "member \"" + member + "\"";
-    const Json::Value& content = value[member];
+  for (auto entry = value.begin(); entry != value.end(); ++entry) {
+    const std::string member = entry.name();
+    const Json::Value& content = *entry;
+    context.member = member;
     if (member == "source") {
       if (!readEndpoint(content, context, &service->record.srcProtocol, &service->srcPorts)) {
         return false;
@@ -247,16 +253,17 @@ bool addServices(const std::string& file, Services* services) {
   if (!parse(file, text, &document)) {
     return false;
   }
-  for (const std::string& name : document.getMemberNames()) {
+  for (auto entry = document.begin(); entry != document.end(); ++entry) {
+    const std::string name = entry.name();
     const Context context = {file, name, ""};
     Service service;
     if (!isServiceName(name)) {
       return context.fail("a name has no comma and no control character and is not empty");
     }
-    if (!readService(document[name], context, &service)) {
+    if (!readService(*entry, context, &service)) {
       return false;
     }
-    (*services)[name] = std::move(service);
+    services->insert_or_assign(name, std::move(service));
   }
   return true;
 }
