@@ -21,6 +21,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -109,10 +110,9 @@ class TARNFW {
   // filter, whether the firewall is enabled or not; "status" stays. Takes no execution lock. The
   // caller adopts the profile, or restores the previous rules with fwReload (fwClear when the
   // firewall is disabled).
-  //   address  of the client that is trying: the connection-state accept leaves it out, so that its
-  //   open
-  //            connection lives only if the profile itself lets it in. Empty: no connection-state
-  //            accept lines at all
+  //   address  of the client that is trying: the connection-state accept leaves it out, so that
+  //            its open connection lives only if the profile itself lets it in. Empty: no
+  //            connection-state accept lines at all
   // The built-in policies end as ACCEPT whatever fails after the drop set.
   bool TestApplyingProfile(std::string name, const std::string& address);
   bool TestApplyingProfile(std::string name);
@@ -137,8 +137,11 @@ class TARNFW {
   bool fwIptablesRulesEnum(std::string name, Json::Value& commands, bool withState);
   // The same with connection-state lines that leave out the address `exempt`.
   bool fwIptablesRulesEnum(std::string name, Json::Value& commands, const std::string& exempt);
-  // A string literal is an address, not a bool.
-  bool fwIptablesRulesEnum(std::string name, Json::Value& commands, const char* exempt) {
+  // A pointer to characters is an address, not a bool; 0 and NULL still are false.
+  template <
+      typename Text,
+      std::enable_if_t<std::is_same_v<Text, const char*> || std::is_same_v<Text, char*>, int> = 0>
+  bool fwIptablesRulesEnum(std::string name, Json::Value& commands, Text exempt) {
     return fwIptablesRulesEnum(std::move(name), commands, std::string(exempt));
   }
   // Adds the names that rules may be filed under: at most 32 interfaces, "wlan0" on wireless
@@ -248,9 +251,9 @@ class TARNFW_IPTABLES_RULES {
   //   withState           add the connection-state accept lines
   //   rules               adapter -> rules in evaluation order
   //   policies            adapter -> default policy, compiled as the adapter's last rule
-  //   cmds                command document; never cleared; after a failure holds the lines made so
-  //   far stateExemptAddress  IPv4 or IPv6 address left out of the connection-state accept, or
-  //   empty
+  //   cmds                command document; never cleared; after a failure holds the lines made
+  //                       so far
+  //   stateExemptAddress  IPv4 or IPv6 address left out of the connection-state accept, or empty
   // Rules of adapters that the machine does not have give no line. Fails on an address that is
   // neither, an unknown rule policy, a service database that cannot be read.
   bool fwRulesToIptablesRules(const bool& withState, const RuleList& rules,
@@ -285,7 +288,8 @@ class TARNFW_IPTABLES_RULES {
   bool servPortToCmd(const std::vector<std::string>& services, Json::Value& args);
 
   // Multiplies the fragments of `args` out into lines appended to cmds["v4" | "v6"][adapter].
-  void iptablesArgToCmd(const std::string& adapter, const FWRULE& rule, const Json::Value& args,
+  // Always true.
+  bool iptablesArgToCmd(const std::string& adapter, const FWRULE& rule, const Json::Value& args,
                         Json::Value& cmds);
 
  private:

@@ -1,10 +1,10 @@
 // Country address ranges, from the files of the xt_geoip match. A file has no header, only records:
 //
 //   CC.iv4    8 bytes: first and last address, a 32-bit unsigned integer each
-//   CC.iv6   32 bytes: first and last address, four 32-bit unsigned integers each, most significant
-//   first
+//   CC.iv6   32 bytes: first and last address, four 32-bit unsigned integers each
 //
-// all in host byte order, as the kernel match takes them.
+// The most significant integer comes first, each in host byte order, as the kernel match takes
+// them.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -51,11 +51,14 @@ std::size_t readChunk(int fd, std::array<unsigned char, kChunk>& chunk) {
   return used;
 }
 
-// A FIFO or a device named like a range file would block or never end.
-int openRegular(const char* path) {
+// A FIFO or a device named like a range file would block or never end. A directory opens, and reads
+// as empty.
+int openRanges(const char* path) {
   const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   struct stat info = {};
-  if (fd >= 0 && fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) return fd;
+  if (fd >= 0 && fstat(fd, &info) == 0 && (S_ISREG(info.st_mode) || S_ISDIR(info.st_mode))) {
+    return fd;
+  }
   if (fd >= 0) (void)close(fd);
   return -1;
 }
@@ -97,7 +100,7 @@ void FW_GEOIP::ParseV6(const in6_addr* first, const in6_addr* last, Json::Value&
 int FW_GEOIP::geoipFileRead(const std::string& country, Json::Value& element, Json::Value& list,
                             bool ipv6) {
   const std::string path = kDirectory + country + (ipv6 ? ".iv6" : ".iv4");
-  const int fd = openRegular(path.c_str());
+  const int fd = openRanges(path.c_str());
   if (fd < 0) {
     here().error("Failed to open file %s\n", path.c_str());
     return -1;

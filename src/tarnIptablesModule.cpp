@@ -1,7 +1,7 @@
 // Netfilter modules on behalf of services. Two files:
 //
-//   /usr/tarn/etc.defaults/iptables_modules_list   KERNEL_MODULES_CORE="ip_tables.ko x_tables.ko
-//   ..." /tmp/iptables_serv_mod_list                    firewall="yes"
+//   /usr/tarn/etc.defaults/iptables_modules_list   KERNEL_MODULES_CORE="ip_tables.ko x_tables.ko"
+//   /tmp/iptables_serv_mod_list                    firewall="yes"
 //
 // A service inserts its lists one after another, so its key is "yes" after the first of them.
 // Nothing that was loaded before a failure is unloaded.

@@ -25,11 +25,13 @@
 #include "cancellation.h"
 #include "error.h"
 #include "errorCodes.h"
+#include "keyValue.h"
 #include "log.h"
 #include "textFile.h"
 
 using tarnplatform::errorText;
 using tarnplatform::here;
+using tarnplatform::isKey;
 using tarnplatform::kErrorArgument;
 using tarnplatform::kErrorFile;
 using tarnplatform::kErrorMemory;
@@ -49,23 +51,27 @@ struct Line {
   size_t end = 0;
 };
 
-std::string trimmed(const std::string& text) {
+std::string withoutLeadingBlanks(const std::string& text) {
   const size_t first = text.find_first_not_of(kBlanks);
-  if (first == std::string::npos) {
-    return "";
-  }
-  return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+  return first == std::string::npos ? "" : text.substr(first);
 }
 
-// The value of a line that sets `key`.
+std::string trimmed(const std::string& text) {
+  const std::string begun = withoutLeadingBlanks(text);
+  return begun.substr(0, begun.find_last_not_of(kBlanks) + 1);
+}
+
+// The value of a line that sets `key`. Without quotes it reaches to the end of the line, blanks
+// included: "yes " is not "yes".
 bool readLine(const std::string& line, const std::string& key, std::string* value) {
-  const std::string text = trimmed(line);
+  const size_t end = !line.empty() && line.back() == '\r' ? line.size() - 1 : line.size();
+  const std::string text = withoutLeadingBlanks(line.substr(0, end));
   const size_t equals = text.find('=');
   if (text.empty() || text[0] == '#' || equals == std::string::npos ||
       trimmed(text.substr(0, equals)) != key) {
     return false;
   }
-  *value = trimmed(text.substr(equals + 1));
+  *value = withoutLeadingBlanks(text.substr(equals + 1));
   if (!value->empty() && value->front() == '"') {
     *value = value->substr(1, value->find('"', 1) - 1);
   }
@@ -84,11 +90,6 @@ bool findKey(const std::string& text, const std::string& key, Line* found, std::
     begin = end + 1;
   }
   return any;
-}
-
-bool isKey(const std::string& key) {
-  return !key.empty() && key == trimmed(key) && key[0] != '#' &&
-         key.find_first_of("=\n\r") == std::string::npos;
 }
 
 bool isValue(const std::string& value) {
@@ -205,6 +206,11 @@ bool makeParents(char* path) {
 }
 
 }  // namespace
+
+bool tarnplatform::isKey(const std::string& text) {
+  return text == trimmed(text) && text[0] != '#' &&
+         text.find_first_of("=\n\r") == std::string::npos;
+}
 
 int TLIBCFileGetKeyValue(const char* file, const char* key, char* buffer, int size, int /*flags*/) {
   const tarnrun::CancellationHold noCancellation;

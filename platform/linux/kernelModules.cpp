@@ -26,6 +26,7 @@
 #include "error.h"
 #include "errorCodes.h"
 #include "files.h"
+#include "keyValue.h"
 #include "lock.h"
 #include "log.h"
 #include "textFile.h"
@@ -372,8 +373,10 @@ bool removeModules(const std::string& service, const std::vector<std::string>& n
   return succeeded;
 }
 
+// The library keeps service names as keys of a key/value file: what cannot be one is refused before
+// a module is touched.
 bool isServiceName(const std::string& service) {
-  return service.find_first_of("\t\n") == std::string::npos;
+  return tarnplatform::isKey(service) && service.find('\t') == std::string::npos;
 }
 
 // The common frame of insertion and removal.

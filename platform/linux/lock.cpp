@@ -22,6 +22,7 @@
 
 using tarnplatform::clearName;
 using tarnplatform::isOwnFile;
+using tarnplatform::isSquatted;
 using tarnplatform::openPlace;
 using tarnplatform::Place;
 using tarnrun::Descriptor;
@@ -30,7 +31,9 @@ namespace {
 
 constexpr int kExclusive = 1;
 constexpr mode_t kMode = 0600;  // whoever can open the file can lock it
-constexpr int kImmediateAttempts = 8;
+// A user who puts something at the name again and again is overcome within a second: he must be
+// faster than we are every time.
+constexpr int kImmediateAttempts = 10000;
 
 enum class Attempt { kHeld, kBusy, kMoved, kFailed };
 
@@ -41,28 +44,26 @@ bool setRecordLock(int fd, short type) {
   return fcntl(fd, F_OFD_SETLK, &lock) == 0;
 }
 
-bool isSquatted(int error) {
-  return error == ELOOP || error == EISDIR || error == ENXIO || error == ENODEV;
-}
-
 // The lock file, made when it is absent. Invalid with errno set; EEXIST: the name has changed
-// meanwhile or was cleared, try again. A first open without O_CREAT: the kernel refuses O_CREAT on
-// a foreign file in a sticky directory even to root, so that any user could keep the lock from ever
-// being taken.
-Descriptor openLockFile(const Place& place, const char* path) {
+// meanwhile or was cleared, try again. What exists is opened without O_CREAT: the kernel refuses
+// O_CREAT on a foreign file in a sticky directory even to root, so that any user could keep the
+// lock from ever being taken. Making it comes first, so that nothing lies between clearing the name
+// and the next attempt.
+Descriptor openLockFile(const Place& place, const char* pathToLog) {
   const int directory = place.directory.get();
-  Descriptor file(openat(directory, place.name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  if (!file.valid() && errno == ENOENT) {
-    file.reset(
-        openat(directory, place.name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode));
+  Descriptor file(
+      openat(directory, place.name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode));
+  if (!file.valid() && errno == EEXIST) {
+    file.reset(openat(directory, place.name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   }
   if (!file.valid() && !isSquatted(errno)) {
+    errno = errno == ENOENT ? EEXIST : errno;  // it was there, and is not any more
     return file;
   }
   struct stat status = {};
   if (!file.valid() || fstat(file.get(), &status) != 0 || !isOwnFile(status)) {
     file.reset();
-    if (clearName(directory, place.name, path)) {
+    if (clearName(directory, place.name, pathToLog)) {
       errno = EEXIST;
     }
     return file;
@@ -82,12 +83,13 @@ bool isStill(const Place& place, int fd) {
          opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
-Attempt tryLock(const char* path, Descriptor* lock) {
+// Says what it has cleared when `log` is set.
+Attempt tryLock(const char* path, bool log, Descriptor* lock) {
   Place place;
   if (!openPlace(path, &place)) {
     return Attempt::kFailed;
   }
-  Descriptor file = openLockFile(place, path);
+  Descriptor file = openLockFile(place, log ? path : nullptr);
   if (!file.valid()) {
     return errno == EEXIST || errno == EINTR ? Attempt::kMoved : Attempt::kFailed;
   }
@@ -113,7 +115,7 @@ int TLIBCFileLockTimeByFile(const char* path, int mode, int seconds, int* fd) {
   const int64_t deadline = tarnrun::monotonicNow() + seconds * tarnrun::kNanosecondsPerSecond;
   for (int moves = 0;;) {
     Descriptor lock;
-    const Attempt attempt = tryLock(path, &lock);
+    const Attempt attempt = tryLock(path, /*log=*/moves == 0, &lock);
     if (attempt == Attempt::kHeld) {
       *fd = lock.release();
       return 1;

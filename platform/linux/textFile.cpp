@@ -101,6 +101,22 @@ bool writeTemporary(const Place& place, Descriptor file, const std::string& text
   return writeAll(file.get(), text) && fsync(file.get()) == 0 && close(file.release()) == 0;
 }
 
+// Puts the finished file in the place of whatever is there: only a directory, which some user has
+// put there meanwhile, cannot be replaced by a file.
+bool takePlace(const Place& place, const char* temporary) {
+  constexpr int kTries = 10000;
+  const int directory = place.directory.get();
+  for (int i = 0; i < kTries; ++i) {
+    if (renameat(directory, temporary, directory, place.name) == 0) {
+      return true;
+    }
+    if (errno != EISDIR || !place.shared || !clearName(directory, place.name, nullptr)) {
+      return false;
+    }
+  }
+  return false;
+}
+
 void flushDirectory(const Place& place) {
   const Descriptor directory(
       openat(place.directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -122,7 +138,7 @@ bool readTextFile(const char* path, size_t limit, std::string* text) {
       openat(place.directory.get(), place.name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | follow));
   struct stat status = {};
   if (!file.valid()) {
-    errno = errno == ELOOP && place.shared ? EPERM : errno;
+    errno = place.shared && isSquatted(errno) ? EPERM : errno;
     return false;
   }
   if (fstat(file.get(), &status) != 0) {
@@ -148,8 +164,7 @@ bool replaceTextFile(const char* path, const std::string& text, mode_t mode) {
   if (!file.valid()) {
     return false;
   }
-  if (!writeTemporary(place, std::move(file), text) ||
-      renameat(place.directory.get(), temporary, place.directory.get(), place.name) != 0) {
+  if (!writeTemporary(place, std::move(file), text) || !takePlace(place, temporary)) {
     const int error = errno;
     (void)unlinkat(place.directory.get(), temporary, 0);
     errno = error;

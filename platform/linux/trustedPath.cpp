@@ -62,6 +62,11 @@ bool isOwnFile(const struct stat& status) {
          (status.st_uid == geteuid() || status.st_uid == 0);
 }
 
+bool isSquatted(int error) {
+  return error == ELOOP || error == EISDIR || error == ENXIO || error == ENODEV ||
+         error == EWOULDBLOCK || error == ETXTBSY;
+}
+
 bool clearName(int directory, const char* name, const char* path) {
   struct stat status = {};
   if (fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -71,11 +76,15 @@ bool clearName(int directory, const char* name, const char* path) {
     return true;  // somebody of ours was faster
   }
   const bool isDirectory = S_ISDIR(status.st_mode);
-  const bool cleared = isDirectory ? renameAside(directory, name)
-                                   : unlinkat(directory, name, 0) == 0 || errno == ENOENT;
+  // What its owner has taken away or exchanged meanwhile is looked at again by the caller.
+  const bool cleared =
+      (isDirectory ? renameAside(directory, name) : unlinkat(directory, name, 0) == 0) ||
+      errno == ENOENT || errno == EISDIR;
   const int error = errno;
   const char* const result = !cleared ? errorText(error) : isDirectory ? "renamed" : "removed";
-  here().error("%s: something of user %u stood in the way: %s", path, status.st_uid, result);
+  if (path != nullptr) {
+    here().error("%s: something of user %u stood in the way: %s", path, status.st_uid, result);
+  }
   errno = error;
   return cleared;
 }

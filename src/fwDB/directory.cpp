@@ -75,6 +75,7 @@ bool TARNFW_JSON_DB::profileMetaCreate(Json::Value& meta) {
   if (glob(pattern.c_str(), GLOB_ERR, nullptr, &matches) != 0) {
     return here().fail("Fail to read file from %s", kProfileDirectory);
   }
+  if (meta.isNull()) meta = Json::Value(Json::objectValue);
   // Backwards: of several files with the same profile name, the one that sorts first wins.
   for (std::size_t index = matches.gl_pathc; index-- > 0;) {
     const std::string path = matches.gl_pathv[index];

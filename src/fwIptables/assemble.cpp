@@ -42,7 +42,7 @@ struct Family {
 
 }  // namespace
 
-void TARNFW_IPTABLES_RULES::iptablesArgToCmd(const std::string& adapter, const FWRULE& rule,
+bool TARNFW_IPTABLES_RULES::iptablesArgToCmd(const std::string& adapter, const FWRULE& rule,
                                              const Json::Value& args, Json::Value& cmds) {
   const Json::Value& chains = args[kArgChain];
   const Json::Value& interfaces = args[kArgAdapter];
@@ -73,6 +73,7 @@ void TARNFW_IPTABLES_RULES::iptablesArgToCmd(const std::string& adapter, const F
       }
     }
   }
+  return true;
 }
 
 }  // namespace FW

@@ -103,7 +103,7 @@ bool compileRule(TARNFW_IPTABLES_RULES& compiler, const std::string& adapter, co
   if (!compiler.policyToIptablesArg(rule, args)) {
     return at(733).fail("Failed to policyToIptablesArg()");
   }
-  compiler.iptablesArgToCmd(adapter, rule, args, cmds);
+  (void)compiler.iptablesArgToCmd(adapter, rule, args, cmds);
   return true;
 }
 
@@ -115,8 +115,7 @@ bool TARNFW_IPTABLES_RULES::fwRulesToIptablesRules(const bool& withState, const 
                                                    const std::string& stateExemptAddress) {
   const char* exempt = stateExemptAddress.c_str();
   const bool exemptV4 = !stateExemptAddress.empty() && BlTLIBIsIpAddr(exempt) != 0;
-  const bool exemptV6 =
-      !stateExemptAddress.empty() && !exemptV4 && BlTLIBIsv6IpAddrValid(exempt) != 0;
+  const bool exemptV6 = !stateExemptAddress.empty() && BlTLIBIsv6IpAddrValid(exempt) != 0;
   if (!stateExemptAddress.empty() && !exemptV4 && stateExemptAddress != "127.0.0.1" && !exemptV6) {
     return at(661).fail("Invalid input argument '%s' which is not an IP address.", exempt);
   }

@@ -178,7 +178,9 @@ bool TARNFW::fwUpdate() {
     return here().fail("Failed to enum profiles to profile list");
   }
   TARNFW_SERVICE_LIST* services = nullptr;
-  const Cleanup release([&services] { TARNFwServiceFree(services); });
+  const Cleanup release([&services] {
+    if (services != nullptr) TARNFwServiceFree(services);
+  });
   if (TARNFwServiceEnum(&services) <= 0) return here().fail("Failed to enum FW services");
   for (auto& [name, profile] : profiles) {
     for (auto& [adapter, rules] : profile.rules) pruneRules(services, rules);

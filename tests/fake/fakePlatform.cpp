@@ -319,12 +319,12 @@ int TARNPPPoeIntfGet(char* buffer, int size) {
 
 int BlTLIBIsIpAddr(const char* text) {
   in_addr address;
-  return inet_pton(AF_INET, text, &address);
+  return answer(std::string("ipv4 ") + text, inet_pton(AF_INET, text, &address));
 }
 
 int BlTLIBIsv6IpAddrValid(const char* text) {
   in6_addr address;
-  return inet_pton(AF_INET6, text, &address);
+  return answer(std::string("ipv6 ") + text, inet_pton(AF_INET6, text, &address));
 }
 
 // --- services.h ---

@@ -67,7 +67,8 @@ struct Machine {
   std::vector<Service> services;  // none: the database cannot be read
 
   // Requests that answer something else, by their line in the trace: {"plugin action 4", -1}. Also
-  // taken for "mkdir PATH", "exist PATH" and "list push TEXT", which are not recorded. A failing
+  // taken for "mkdir PATH", "exist PATH", "list push TEXT", "ipv4 TEXT" and "ipv6 TEXT" (is it an
+  // address?), which are not recorded. A failing
   // "list alloc" or "plugin init" makes no object; a negative answer sets the platform error to
   // `failure`.
   std::map<std::string, Answer> answers;

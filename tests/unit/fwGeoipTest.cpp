@@ -259,6 +259,16 @@ TEST_F(Geoip, EmptyFileLeavesTheListAsItWas) {
   EXPECT_EQ(R"(["kept"])", toText(list));
 }
 
+TEST_F(Geoip, DirectoryReadsAsEmpty) {
+  std::filesystem::create_directory(kDirectory + "US.iv4");
+  const std::string descriptors = files::descriptors();
+  Json::Value list = toJson(R"(["kept"])");
+  EXPECT_TRUE(FW_GEOIP().countryIPGet("US", /*ipv6=*/false, list));
+  EXPECT_EQ(R"(["kept"])", toText(list));
+  EXPECT_EQ("", trace::take());
+  EXPECT_EQ(descriptors, files::descriptors());
+}
+
 TEST_F(Geoip, LinkToARangeFileIsRead) {
   files::write(kDirectory + "US.iv4", rangeFile(8));
   std::filesystem::create_symlink("US.iv4", kDirectory + "UM.iv4");
@@ -293,8 +303,6 @@ const UnreadableRow kUnreadableRows[] = {
     {"FifoOfV6IsNotWaitedFor", true, [](const std::string& stem) { makeFifo(stem + ".iv6"); },
      "err fwGeoip Failed to open file /usr/share/xt_geoip/US.iv6\n\nerr fwGeoip Failed to read geoip database"},
     {"EndlessDeviceIsNotRead", false, [](const std::string& stem) { makeDevice(stem + ".iv4"); },
-     "err fwGeoip Failed to open file /usr/share/xt_geoip/US.iv4\n\nerr fwGeoip Failed to read geoip database"},
-    {"DirectoryIsNoFile", false, [](const std::string& stem) { std::filesystem::create_directory(stem + ".iv4"); },
      "err fwGeoip Failed to open file /usr/share/xt_geoip/US.iv4\n\nerr fwGeoip Failed to read geoip database"},
     {"LinkToNothing", false, [](const std::string& stem) { std::filesystem::create_symlink("nosuch", stem + ".iv4"); },
      "err fwGeoip Failed to open file /usr/share/xt_geoip/US.iv4\n\nerr fwGeoip Failed to read geoip database"},

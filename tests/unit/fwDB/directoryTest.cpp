@@ -68,7 +68,7 @@ void PrintTo(const MetaRow& row, std::ostream* out) { *out << row.name; }
 const std::vector<MetaRow> kMetaRows = {
     {"TwoProfiles", {{"1690000042.json", R"({"name": "office"})"}, {"1690000007.json", R"({"name": "home"})"}}, R"({"home":{"fileName":"1690000007"},"office":{"fileName":"1690000042"}})", ""},
     {"SettingsAreNoProfile", {{"firewall_settings.json", R"({"profile": "office", "status": true})"}, {"1.json", R"({"name": "office"})"}}, R"({"office":{"fileName":"1"}})", ""},
-    {"OnlySettings", {{"firewall_settings.json", R"({"profile": "default", "status": false})"}}, "null", ""},
+    {"OnlySettings", {{"firewall_settings.json", R"({"profile": "default", "status": false})"}}, "{}", ""},
     {"AnyStem", {{"seed profile.v2.json", R"({"name": "default"})"}}, R"({"default":{"fileName":"seed profile.v2"}})", ""},
     {"NamesAreNotFileNames", {{"office.json", R"({"name": "home"})"}, {"home.json", R"({"name": "office"})"}}, R"({"home":{"fileName":"office"},"office":{"fileName":"home"}})", ""},
     {"SameNameFirstPathWins", {{"2.json", R"({"name": "office"})"}, {"10.json", R"({"name": "office"})"}, {"3.json", R"({"name": "office"})"}}, R"({"office":{"fileName":"10"}})", ""},
@@ -76,9 +76,9 @@ const std::vector<MetaRow> kMetaRows = {
     {"TestProfile", {{"1.json", R"({"name": ".test_office"})"}}, R"({".test_office":{"fileName":"1"}})", ""},
     {"OtherNamesAreNotRead", {{".hidden.json", R"({"name": "a"})"}, {"1.json.tmp", R"({"name": "b"})"}, {"2.JSON", R"({"name": "c"})"}, {"3", R"({"name": "d"})"}, {"4.json", R"({"name": "e"})"}}, R"({"e":{"fileName":"4"}})", ""},
     {"NotJson", {{"1.json", "name=office"}, {"2.json", R"({"name": "home"})"}}, R"({"home":{"fileName":"2"}})", "err utils Failed to parse Json value of /usr/tarn/etc/firewall.d/1.json\nerr fwDB Failed to load json from /usr/tarn/etc/firewall.d/1.json"},
-    {"EveryDocumentBroken", {{"1.json", ""}, {"2.json", "{"}}, "null", "err utils Failed to parse Json value of /usr/tarn/etc/firewall.d/2.json\nerr fwDB Failed to load json from /usr/tarn/etc/firewall.d/2.json\nerr utils Failed to parse Json value of /usr/tarn/etc/firewall.d/1.json\nerr fwDB Failed to load json from /usr/tarn/etc/firewall.d/1.json"},
-    {"NotAnObject", {{"1.json", "[]"}, {"2.json", R"("name")"}, {"3.json", "null"}, {"4.json", "7"}}, "null", ""},
-    {"NameIsNoText", {{"1.json", R"({"name": 7})"}, {"2.json", R"({"name": null})"}, {"3.json", R"({"name": ["a"]})"}, {"4.json", R"({"Name": "a"})"}}, "null", ""},
+    {"EveryDocumentBroken", {{"1.json", ""}, {"2.json", "{"}}, "{}", "err utils Failed to parse Json value of /usr/tarn/etc/firewall.d/2.json\nerr fwDB Failed to load json from /usr/tarn/etc/firewall.d/2.json\nerr utils Failed to parse Json value of /usr/tarn/etc/firewall.d/1.json\nerr fwDB Failed to load json from /usr/tarn/etc/firewall.d/1.json"},
+    {"NotAnObject", {{"1.json", "[]"}, {"2.json", R"("name")"}, {"3.json", "null"}, {"4.json", "7"}}, "{}", ""},
+    {"NameIsNoText", {{"1.json", R"({"name": 7})"}, {"2.json", R"({"name": null})"}, {"3.json", R"({"name": ["a"]})"}, {"4.json", R"({"Name": "a"})"}}, "{}", ""},
     {"EmptyDirectory", {}, "null", "err fwDB Fail to read file from /usr/tarn/etc/firewall.d/"},
     {"NothingOfTheSuffix", {{"1.json.tmp", R"({"name": "a"})"}}, "null", "err fwDB Fail to read file from /usr/tarn/etc/firewall.d/"},
 };

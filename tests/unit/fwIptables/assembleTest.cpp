@@ -184,7 +184,7 @@ TEST_P(Assembly, MakesLines) {
   rule.blLog = GetParam().log;
   const Json::Value args = toJson(GetParam().arguments);
   Json::Value cmds = toJson(GetParam().before);
-  TARNFW_IPTABLES_RULES().iptablesArgToCmd(GetParam().adapter, rule, args, cmds);
+  EXPECT_TRUE(TARNFW_IPTABLES_RULES().iptablesArgToCmd(GetParam().adapter, rule, args, cmds));
   EXPECT_EQ(GetParam().lines, commandLines(cmds));
   EXPECT_EQ(GetParam().arguments, toText(args));
 }

@@ -181,6 +181,43 @@ TEST_P(Preamble, BeginsEveryDocument) {
 INSTANTIATE_TEST_SUITE_P(Rows, Preamble, testing::ValuesIn(kPreambleRows),
                          [](const auto& row) { return std::string(row.param.name); });
 
+// The connection-state lines alone, of a platform that takes an address otherwise than ours does.
+std::string stateLines(const std::string& exempt) {
+  Json::Value cmds;
+  EXPECT_TRUE(
+      TARNFW_IPTABLES_RULES().fwRulesToIptablesRules(/*withState=*/true, {}, {}, cmds, exempt));
+  std::string lines;
+  for (const char* family : {"v4", "v6"}) {
+    for (const Json::Value& line : cmds[family]["global"]) {
+      if (line.asString().find("--state") == std::string::npos) continue;
+      lines.append(family).append(" ").append(line.asString()).append("\n");
+    }
+  }
+  return lines;
+}
+
+class ExemptAddressOfAPlatform : public fake::MachineTest {};
+
+TEST_F(ExemptAddressOfAPlatform, LoopbackNeedsNoFamily) {
+  fake::machine().answers = {{"ipv4 127.0.0.1", 0}};
+  EXPECT_EQ(
+      "v4 -A INPUT_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
+      "v4 -A FORWARD_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
+      "v6 -A INPUT_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
+      "v6 -A FORWARD_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT\n",
+      stateLines("127.0.0.1"));
+}
+
+TEST_F(ExemptAddressOfAPlatform, EachFamilyIsAskedForItself) {
+  fake::machine().answers = {{"ipv6 10.0.0.5", 1}};
+  EXPECT_EQ(
+      "v4 -A INPUT_FIREWALL ! -s 10.0.0.5 -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
+      "v4 -A FORWARD_FIREWALL ! -s 10.0.0.5 -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
+      "v6 -A INPUT_FIREWALL ! -s 10.0.0.5 -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
+      "v6 -A FORWARD_FIREWALL ! -s 10.0.0.5 -m state --state ESTABLISHED,RELATED -j ACCEPT\n",
+      stateLines("10.0.0.5"));
+}
+
 struct InvalidRow {
   const char* name;
   const char* exempt;

@@ -86,7 +86,9 @@ const std::vector<GetRow> kGetRows = {
     {"NoEqualsSign", "firewall\n", "firewall", "0 untouched"},
     {"BlanksAround", "  firewall = \"yes\" \t\n", "firewall", "3 yes"},
     {"BlanksInQuotesCount", "firewall=\" yes \"\n", "firewall", "5  yes "},
-    {"BlanksInPlainValue", "modules=a.ko  b.ko \n", "modules", "10 a.ko  b.ko"},
+    {"BlanksInPlainValue", "modules=a.ko  b.ko \n", "modules", "11 a.ko  b.ko "},
+    {"BlankBehindPlainValue", "firewall=yes \n", "firewall", "4 yes "},
+    {"BlankBehindQuotedValue", "firewall=\"yes\" \n", "firewall", "3 yes"},
     {"EqualsSignsInValue", "a=\"b=c=d\"\n", "a", "5 b=c=d"},
     {"NoClosingQuote", "firewall=\"yes\n", "firewall", "3 yes"},
     {"SingleQuotesAreText", "firewall='yes'\n", "firewall", "5 'yes'"},
@@ -186,6 +188,7 @@ const std::vector<SetRow> kSetRows = {
     {"LastOfSeveral", "firewall=\"a\"\nb=\"1\"\nfirewall=\"c\"\n", "firewall", "yes", "firewall=\"a\"\nb=\"1\"\nfirewall=\"yes\"\n"},
     {"CarriageReturnStays", "firewall=\"no\"\r\na=\"1\"\r\n", "firewall", "yes", "firewall=\"yes\"\r\na=\"1\"\r\n"},
     {"LastLineWithoutLineFeed", "a=\"1\"\nfirewall=\"no\"", "firewall", "yes", "a=\"1\"\nfirewall=\"yes\""},
+    {"EmptyKey", "(absent)", "", "yes", "=\"yes\"\n"},
     {"KeyWithBlank", "(absent)", "VPN Server", "yes", "VPN Server=\"yes\"\n"},
     {"ValueWithEqualsSignAndHash", "(absent)", "a", "b=c#d", "a=\"b=c#d\"\n"},
     {"ValueWithBlanks", "(absent)", "a", " b ", "a=\" b \"\n"},
@@ -216,11 +219,11 @@ struct RefusalRow {
 
 TEST_F(KeyValueFile, WhatCannotBeReadBackIsRefused) {
   const RefusalRow rows[] = {
-      {"EmptyKey", "", "yes"},          {"EqualsSignInKey", "a=b", "yes"},
-      {"LineFeedInKey", "a\nb", "yes"}, {"CarriageReturnInKey", "a\rb", "yes"},
-      {"CommentKey", "#a", "yes"},      {"BlankBeforeKey", " a", "yes"},
-      {"BlankAfterKey", "a ", "yes"},   {"LineFeedInValue", "a", "yes\nb=\"no\""},
-      {"QuoteInValue", "a", "y\"es"},   {"CarriageReturnInValue", "a", "yes\r"},
+      {"EqualsSignInKey", "a=b", "yes"},         {"LineFeedInKey", "a\nb", "yes"},
+      {"CarriageReturnInKey", "a\rb", "yes"},    {"CommentKey", "#a", "yes"},
+      {"BlankBeforeKey", " a", "yes"},           {"BlankAfterKey", "a ", "yes"},
+      {"LineFeedInValue", "a", "yes\nb=\"no\""}, {"QuoteInValue", "a", "y\"es"},
+      {"CarriageReturnInValue", "a", "yes\r"},
   };
   for (const RefusalRow& row : rows) {
     SCOPED_TRACE(row.name);

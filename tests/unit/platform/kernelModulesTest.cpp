@@ -189,9 +189,19 @@ TEST_F(KernelModules, NamesAreFileNamesOfModules) {
   }
 }
 
+TEST_F(KernelModules, ServiceWithoutANameIsAService) {
+  kernel().modules["xt_mac"] = {};
+  EXPECT_EQ(0, insert("", "xt_mac.ko"));
+  EXPECT_EQ("xt_mac\tinserted\t\n", state());
+  EXPECT_EQ(0, remove("", "xt_mac.ko"));
+  EXPECT_EQ("", state());
+  EXPECT_EQ("look up xt_mac\ninsert xt_mac\nremove xt_mac", trace::take());
+}
+
 TEST_F(KernelModules, UnusableArgumentsAreRefused) {
   TLIBCSZLIST* list = TLIBCSzListAlloc(1);
-  for (const char* service : {"a\tb", "a\nb", static_cast<const char*>(nullptr)}) {
+  for (const char* service :
+       {"a\tb", "a\nb", "a=b", "#a", " a", "a ", static_cast<const char*>(nullptr)}) {
     EXPECT_EQ(-1, TLIBIptablesModInsert(service, list));
     EXPECT_EQ(-1, TLIBIptablesModRemove(service, list));
   }

@@ -47,6 +47,17 @@ bool exemptingLiteral(const std::string& name, Json::Value& commands) {
   return FW::TARNFW().fwIptablesRulesEnum(name, commands, Exempt);
 }
 
+// An address in memory that is written to, as a C string function leaves it.
+template <const char* Exempt>
+bool exemptingPointer(const std::string& name, Json::Value& commands) {
+  std::string text = Exempt;
+  return FW::TARNFW().fwIptablesRulesEnum(name, commands, text.data());
+}
+// 0 is no address.
+bool withZero(const std::string& name, Json::Value& commands) {
+  return FW::TARNFW().fwIptablesRulesEnum(name, commands, 0);
+}
+
 constexpr char kNobody[] = "";
 constexpr char kClientV4[] = "10.0.0.5";
 constexpr char kClientV6[] = "fe80::1";
@@ -127,11 +138,19 @@ INSTANTIATE_TEST_SUITE_P(Table, CompiledProfile, testing::Values(
     R"({"v4":{"eth0":)" + kDenied + R"(,"global":)" + kPlainV4 + R"(},"v6":{"eth0":)" + kDenied + R"(,"global":)" + kPlainV6 + R"(}})",
     "interfaces 32 8\n"
     "support support_wireless", true},
+  CompileRow{"ZeroIsWithoutState", "office", "null", withZero,
+    R"({"v4":{"eth0":)" + kDenied + R"(,"global":)" + kPlainV4 + R"(},"v6":{"eth0":)" + kDenied + R"(,"global":)" + kPlainV6 + R"(}})",
+    "interfaces 32 8\n"
+    "support support_wireless", true},
   CompileRow{"NobodyExemptHasState", "office", "null", exempting<kNobody>,
     R"({"v4":{"eth0":)" + kDenied + R"(,"global":)" + kStateV4 + R"(},"v6":{"eth0":)" + kDenied + R"(,"global":)" + kStateV6 + R"(}})",
     "interfaces 32 8\n"
     "support support_wireless", true},
   CompileRow{"Ipv4ClientExempt", "office", "null", exemptingLiteral<kClientV4>,
+    R"({"v4":{"eth0":)" + kDenied + R"(,"global":["-A INPUT_FIREWALL -i lo -j ACCEPT","-A INPUT_FIREWALL ! -s 10.0.0.5 -m state --state ESTABLISHED,RELATED -j ACCEPT","-A FORWARD_FIREWALL -i lo -j ACCEPT","-A FORWARD_FIREWALL ! -s 10.0.0.5 -m state --state ESTABLISHED,RELATED -j ACCEPT"]},"v6":{"eth0":)" + kDenied + R"(,"global":)" + kStateV6 + R"(}})",
+    "interfaces 32 8\n"
+    "support support_wireless", true},
+  CompileRow{"PointerToAnAddressExempt", "office", "null", exemptingPointer<kClientV4>,
     R"({"v4":{"eth0":)" + kDenied + R"(,"global":["-A INPUT_FIREWALL -i lo -j ACCEPT","-A INPUT_FIREWALL ! -s 10.0.0.5 -m state --state ESTABLISHED,RELATED -j ACCEPT","-A FORWARD_FIREWALL -i lo -j ACCEPT","-A FORWARD_FIREWALL ! -s 10.0.0.5 -m state --state ESTABLISHED,RELATED -j ACCEPT"]},"v6":{"eth0":)" + kDenied + R"(,"global":)" + kStateV6 + R"(}})",
     "interfaces 32 8\n"
     "support support_wireless", true},

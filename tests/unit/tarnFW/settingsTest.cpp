@@ -67,6 +67,18 @@ TEST_F(Settings, DefaultsHoldThoughTheyCannotBeWritten) {
   EXPECT_EQ(kAbsent, files::read(files::kSettingsFile));
 }
 
+TEST_F(Settings, DocumentThatIsNotJsonIsAnError) {
+  for (const char* text : {"{", "profile=office", "{\"status\": tru", ""}) {
+    SCOPED_TRACE(text);
+    files::writeSettings(text);
+    Json::Value config;
+    EXPECT_FALSE(firewall.configGet(config));
+    EXPECT_EQ("err utils Failed to parse Json value of " + std::string(files::kSettingsFile),
+              trace::take());
+    EXPECT_EQ(text, files::read(files::kSettingsFile));
+  }
+}
+
 TEST_F(Settings, DefaultsHoldWithoutTheDirectory) {
   fs::remove_all(files::kProfileDirectory);
   Json::Value config;

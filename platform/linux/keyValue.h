@@ -1,0 +1,15 @@
+// What may stand as a key in a key/value file; other files of the platform name the same things.
+
+#ifndef TARN_PLATFORM_LINUX_KEYVALUE_H
+#define TARN_PLATFORM_LINUX_KEYVALUE_H
+
+#include <string>
+
+namespace tarnplatform {
+
+// A line's text up to its "=", without blanks around it. May be empty.
+bool isKey(const std::string& text);
+
+}  // namespace tarnplatform
+
+#endif
