@@ -1,5 +1,5 @@
-// Answers that are not what becomes of the packets: the smallest profile and query that show the
-// same kind of difference, and which of the known kinds it is.
+// Answers that are not what becomes of the packets, and the smallest profile and query that show
+// one.
 
 #ifndef TARNFW_TESTS_PROPERTY_DIFFERENCE_H
 #define TARNFW_TESTS_PROPERTY_DIFFERENCE_H
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "specifiedAnswer.h"
+#include "evaluation.h"
 #include "tarnfirewall_records.h"
 #include "truth.h"
 
@@ -21,7 +21,7 @@ struct Case {
   std::string adapter;  // whose verdict
 };
 
-// The specified verdict; -1: the answer has none for the adapter.
+// The verdict, worked out; -1: the answer has none for the adapter.
 int verdictOf(const Case& one);
 
 // What becomes of the packets, worked out from the rules.
@@ -30,36 +30,13 @@ Truth truthOf(const Case& one);
 // Profile, query, verdict and truth.
 std::string describe(const Case& one);
 
-// The verdict differs from the truth: takes away and simplifies, one thing at a time, as long as
-// the verdict stays and still differs from the truth.
-Case smallest(Case one);
+// Takes away and simplifies, one thing at a time, as long as `shows` holds.
+Case smallest(Case one, const std::function<bool(const Case&)>& shows);
 
 // The profile without the rules and defaults that it takes nothing from: `shows` holds for it and
 // for nothing that is smaller by one of them.
 FW::FWPROFILE smallest(FW::FWPROFILE profile,
                        const std::function<bool(const FW::FWPROFILE&)>& shows);
-
-// A kind of difference that the specified answers are known for.
-struct KnownDifference {
-  const char* name;
-  bool (*isShownBy)(const Case& smallest);
-};
-
-const std::vector<KnownDifference>& knownDifferences();
-
-// The one kind that the smallest case shows; null when it is none, or several.
-const KnownDifference* knownDifference(const Case& smallest);
-
-// A case of a kind, in its simplest form.
-struct Example {
-  const char* difference;
-  Case shows;
-  int verdict;
-  Truth truth;
-};
-
-// At least one for every kind.
-const std::vector<Example>& examples();
 
 }  // namespace property
 

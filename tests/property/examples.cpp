@@ -1,7 +1,7 @@
 #include <functional>
 #include <utility>
 
-#include "difference.h"
+#include "reasons.h"
 
 namespace property {
 namespace {
@@ -97,35 +97,35 @@ std::vector<Example> makeExamples() {
   };
   // clang-format off
   return {
-    {"global left open", ask("eth0", {{"global", {some(kDeny)}}}, {{"eth0", kAllow}}), kAllowed, Truth::kBySource},
-    {"global left open", ask("eth0", {{"global", {some(kAllow), every(kDeny)}}}, {{"eth0", kAllow}}), kAllowed, Truth::kBySource},
-    {"global left open", ask("eth0", {{"global", {some(kAllow)}}}, {{"eth0", kDeny}}), kBlocked, Truth::kBySource},
-    {"default of global", ask("eth0", {}, {{"eth0", kAllow}, {"global", kDeny}}), kAllowed, Truth::kNonePasses},
-    {"default of global", ask("eth0", {}, {{"eth0", kDeny}, {"global", kAllow}}), kBlocked, Truth::kAllPass},
-    {"two names of one interface", ask("tun0", {}, {{"vpn", kDeny}}), kAllowed, Truth::kNonePasses},
-    {"two names of one interface", ask("vpn", {{"tun0", {every(kAllow)}}}, {{"vpn", kDeny}}), kBlocked, Truth::kAllPass},
-    {"the PPPoE link by its own name", ask("ppp0", {}, {{"ppp0", kDeny}}), kBlocked, Truth::kAllPass},
-    {"the PPPoE link by its own name", ask("ppp0", {}, {{"ppp0", kAllow}, {"pppoe", kDeny}}), kAllowed, Truth::kNonePasses},
-    {"ports of the other side", ask("eth0", {{"eth0", {every(kDeny, ports(kTcpOnly, "21", 1))}}}, {{"eth0", kAllow}}), kAllowed, Truth::kByOther},
-    {"ports of the other side", ask("eth0", {{"eth0", {every(kAllow, ports(kTcpOnly, "22"))}}}, {{"eth0", kDeny}}, {1, kTcpOnly, "21"}), kBlocked, Truth::kByOther},
-    {"part of what is asked", ask("eth0", {{"eth0", {every(kDeny, ports(kTcpOnly, "22"))}}}, {{"eth0", kAllow}}, {0, kTcpOnly, "21-23"}), kBlocked, Truth::kByOther},
-    {"part of what is asked", ask("eth0", {{"eth0", {every(kDeny, ports(kTcpOnly, "21"))}}}, {{"eth0", kAllow}}, {0, kTcpAndUdp, "21"}), kBlocked, Truth::kByOther},
-    {"part of what is asked", ask("eth0", {{"eth0", {every(kAllow, ports(kTcpOnly, "21")), every(kAllow, ports(kUdpOnly, "21"))}}}, {{"eth0", kDeny}}, {0, kTcpAndUdp, "21"}), kBlocked, Truth::kAllPass},
-    {"part of what is asked", ask("eth0", {{"eth0", {every(kAllow, ports(kTcpOnly, "21-22")), every(kAllow, ports(kTcpOnly, "23"))}}}, {{"eth0", kDeny}}, {0, kTcpOnly, "21-23"}), kBlocked, Truth::kAllPass},
-    {"every address of one family", ask("eth0", {{"eth0", {every(kAllow, oneFamily)}}}, {{"eth0", kDeny}}), kAllowed, Truth::kBySource},
-    {"every address of one family", ask("eth0", {{"global", {every(kDeny, oneFamily)}}}, {{"eth0", kAllow}}), kBlocked, Truth::kBySource},
-    {"outgoing interface", ask("eth0", {{"eth0", {every(kDeny, outgoing)}}}, {{"eth0", kAllow}}), kBlocked, Truth::kAllPass},
-    {"outgoing interface", ask("tun0", {{"eth1", {every(kDeny, outgoing)}}}, {{"tun0", kAllow}}), kAllowed, Truth::kByOther},
-    {"destination addresses", ask("eth0", {{"eth0", {some(kDeny, toTheMachine), some(kDeny, toTheMachineOverIPv6)}}}, {{"eth0", kAllow}}), kPartly, Truth::kByOther},
-    {"addresses of nobody", ask("eth0", {{"eth0", {some(kDeny, country)}}}, {{"eth0", kAllow}}), kPartly, Truth::kAllPass},
-    {"addresses that leave nobody", ask("eth0", {{"eth0", {some(kAllow, wholeSubnet), some(kDeny)}}}, {{"eth0", kAllow}}), kPartly, Truth::kAllPass},
-    {"addresses that leave nobody", ask("eth0", {{"eth0", {some(kDeny, allOfIPv4), some(kDeny, allOfIPv6)}}}, {{"eth0", kAllow}}), kPartly, Truth::kNonePasses},
-    {"exception from a default that is like it", ask("eth0", {{"eth0", {some(kDeny), every(kAllow)}}}, {{"eth0", kDeny}}), kAllowed, Truth::kBySource},
-    {"exception from a default that is like it", ask("eth0", {{"eth0", {some(kAllow), every(kDeny)}}}, {{"eth0", kAllow}}), kBlocked, Truth::kBySource},
-    {"exception without a default", ask("eth0", {{"eth0", {some(kAllow)}}}, {{"eth0", kNone}}), kPartly, Truth::kAllPass},
-    {"rule of policy none", ask("eth0", {{"eth0", {every(kNone)}}}, {{"eth0", kDeny}}), kUndecided, Truth::kNonePasses},
-    {"rule of another table", ask("eth0", {{"eth0", {every(kDeny, otherTable)}}}, {{"eth0", kAllow}}), kBlocked, Truth::kAllPass},
-    {"port direction of another number", ask("eth0", {{"eth0", {every(kDeny, ports(kTcpOnly, "21", 2))}}}, {{"eth0", kAllow}}, {1, kTcpOnly, "21"}), kAllowed, Truth::kNonePasses}};
+    {Reason::kGlobalOpen, ask("eth0", {{"global", {some(kDeny)}}}, {{"eth0", kAllow}}), kAllowed, Truth::kBySource},
+    {Reason::kGlobalOpen, ask("eth0", {{"global", {some(kAllow), every(kDeny)}}}, {{"eth0", kAllow}}), kAllowed, Truth::kBySource},
+    {Reason::kGlobalOpen, ask("eth0", {{"global", {some(kAllow)}}}, {{"eth0", kDeny}}), kBlocked, Truth::kBySource},
+    {Reason::kGlobalDefault, ask("eth0", {}, {{"eth0", kAllow}, {"global", kDeny}}), kAllowed, Truth::kNonePasses},
+    {Reason::kGlobalDefault, ask("eth0", {}, {{"eth0", kDeny}, {"global", kAllow}}), kBlocked, Truth::kAllPass},
+    {Reason::kOtherName, ask("tun0", {}, {{"vpn", kDeny}}), kAllowed, Truth::kNonePasses},
+    {Reason::kOtherName, ask("vpn", {{"tun0", {every(kAllow)}}}, {{"vpn", kDeny}}), kBlocked, Truth::kAllPass},
+    {Reason::kOtherName, ask("ppp0", {}, {{"ppp0", kDeny}}), kBlocked, Truth::kAllPass},
+    {Reason::kOtherName, ask("ppp0", {}, {{"ppp0", kAllow}, {"pppoe", kDeny}}), kAllowed, Truth::kNonePasses},
+    {Reason::kOtherSide, ask("eth0", {{"eth0", {every(kDeny, ports(kTcpOnly, "21", 1))}}}, {{"eth0", kAllow}}), kAllowed, Truth::kByOther},
+    {Reason::kOtherSide, ask("eth0", {{"eth0", {every(kAllow, ports(kTcpOnly, "22"))}}}, {{"eth0", kDeny}}, {1, kTcpOnly, "21"}), kBlocked, Truth::kByOther},
+    {Reason::kPartOfPorts, ask("eth0", {{"eth0", {every(kDeny, ports(kTcpOnly, "22"))}}}, {{"eth0", kAllow}}, {0, kTcpOnly, "21-23"}), kBlocked, Truth::kByOther},
+    {Reason::kPartOfPorts, ask("eth0", {{"eth0", {every(kDeny, ports(kTcpOnly, "21"))}}}, {{"eth0", kAllow}}, {0, kTcpAndUdp, "21"}), kBlocked, Truth::kByOther},
+    {Reason::kPartOfPorts, ask("eth0", {{"eth0", {every(kAllow, ports(kTcpOnly, "21")), every(kAllow, ports(kUdpOnly, "21"))}}}, {{"eth0", kDeny}}, {0, kTcpAndUdp, "21"}), kBlocked, Truth::kAllPass},
+    {Reason::kPartOfPorts, ask("eth0", {{"eth0", {every(kAllow, ports(kTcpOnly, "21-22")), every(kAllow, ports(kTcpOnly, "23"))}}}, {{"eth0", kDeny}}, {0, kTcpOnly, "21-23"}), kBlocked, Truth::kAllPass},
+    {Reason::kOneFamily, ask("eth0", {{"eth0", {every(kAllow, oneFamily)}}}, {{"eth0", kDeny}}), kAllowed, Truth::kBySource},
+    {Reason::kOneFamily, ask("eth0", {{"global", {every(kDeny, oneFamily)}}}, {{"eth0", kAllow}}), kBlocked, Truth::kBySource},
+    {Reason::kOutgoing, ask("eth0", {{"eth0", {every(kDeny, outgoing)}}}, {{"eth0", kAllow}}), kBlocked, Truth::kAllPass},
+    {Reason::kOutgoing, ask("tun0", {{"eth1", {every(kDeny, outgoing)}}}, {{"tun0", kAllow}}), kAllowed, Truth::kByOther},
+    {Reason::kDestination, ask("eth0", {{"eth0", {some(kDeny, toTheMachine), some(kDeny, toTheMachineOverIPv6)}}}, {{"eth0", kAllow}}), kPartly, Truth::kByOther},
+    {Reason::kWithoutEffect, ask("eth0", {{"eth0", {some(kDeny, country)}}}, {{"eth0", kAllow}}), kPartly, Truth::kAllPass},
+    {Reason::kNotCompared, ask("eth0", {{"eth0", {some(kAllow, wholeSubnet), some(kDeny)}}}, {{"eth0", kAllow}}), kPartly, Truth::kAllPass},
+    {Reason::kNotCompared, ask("eth0", {{"eth0", {some(kDeny, allOfIPv4), some(kDeny, allOfIPv6)}}}, {{"eth0", kAllow}}), kPartly, Truth::kNonePasses},
+    {Reason::kLikeDefault, ask("eth0", {{"eth0", {some(kDeny), every(kAllow)}}}, {{"eth0", kDeny}}), kAllowed, Truth::kBySource},
+    {Reason::kLikeDefault, ask("eth0", {{"eth0", {some(kAllow), every(kDeny)}}}, {{"eth0", kAllow}}), kBlocked, Truth::kBySource},
+    {Reason::kWithoutDefault, ask("eth0", {{"eth0", {some(kAllow)}}}, {{"eth0", kNone}}), kPartly, Truth::kAllPass},
+    {Reason::kWithoutEffect, ask("eth0", {{"eth0", {every(kNone)}}}, {{"eth0", kDeny}}), kUndecided, Truth::kNonePasses},
+    {Reason::kWithoutEffect, ask("eth0", {{"eth0", {every(kDeny, otherTable)}}}, {{"eth0", kAllow}}), kBlocked, Truth::kAllPass},
+    {Reason::kOtherSide, ask("eth0", {{"eth0", {every(kDeny, ports(kTcpOnly, "21", 2))}}}, {{"eth0", kAllow}}, {1, kTcpOnly, "21"}), kAllowed, Truth::kNonePasses}};
   // clang-format on
 }
 

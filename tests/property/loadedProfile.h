@@ -3,7 +3,7 @@
 #ifndef TARNFW_TESTS_PROPERTY_LOADEDPROFILE_H
 #define TARNFW_TESTS_PROPERTY_LOADEDPROFILE_H
 
-#include "specifiedAnswer.h"
+#include "evaluation.h"
 #include "tarnfirewall_records.h"
 
 namespace property {

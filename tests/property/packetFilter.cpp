@@ -54,9 +54,11 @@ std::optional<bool> matchesAddress(Family family, const FWRULE& rule, const char
     }
     case 1: {
       if (list.size() < 2) return {};
-      const auto subnet = parse(family, list[0]);
       const auto mask = parseMask(family, list[1]);
-      if (!subnet || !mask) return {};
+      if (!mask) return {};
+      if (*mask == Bytes{}) return true;  // the tools do not read an address of which no bit counts
+      const auto subnet = parse(family, list[0]);
+      if (!subnet) return {};
       return inSubnet(address, *subnet, *mask);
     }
     case 4: {

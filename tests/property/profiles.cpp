@@ -43,113 +43,129 @@ const std::vector<Addresses> kDestinations = {{0, {"10.77.0.1"}},
 // Rules of these groups are never lines: countries have no ranges here, one address is one too few.
 const std::vector<Addresses> kNobody = {{2, {}}, {3, {"DE"}}, {1, {"10.77.0.0"}}, {0, {}}};
 
+const Texts kAdapters = {"eth0", "eth0", "tun0", "vpn", "pppoe", "eth1", "ppp0", "eth9"};
+const Texts kOrdinaryAdapters = {"eth0", "eth0", "vpn", "pppoe", "eth1"};
+const Texts kServices = {"tcp21",  "udp22",     "both23", "tcp21to23", "tcp21and25",
+                         "from24", "udp21to22", "gone",   "nosuch"};
+const Texts kOrdinaryServices = {"tcp21", "udp22", "both23", "tcp21to23", "tcp21and25", "gone"};
+const Texts kListedPorts = {"21",    "22",    "23",    "24",    "25",    "21-22",
+                            "22-24", "21-25", "24-25", "23-23", "20-24", "21-40"};
+
 bool isV6(const Addresses& addresses) {
   return !addresses.list.empty() && addresses.list[0].find(':') != std::string::npos;
 }
 
-void setAddresses(Random& random, FWRULE& rule) {
-  rule.ipType = static_cast<std::int32_t>(random.below(3));
-  if (random.oneIn(2)) {
-    rule.ipGroup = 5;
-    if (!random.oneIn(3)) rule.ipType = 2;
-    return;
+// Makes one profile. Every other one is ordinary: it holds what an editor of profiles would write,
+// and answers about it have few reasons to differ. The others have all that a document can hold.
+class Maker {
+ public:
+  explicit Maker(Random& random) : random_(random), ordinary_(random.oneIn(2)) {}
+
+  FWPROFILE make() {
+    FWPROFILE profile;
+    profile.name = "property";
+    profile.adapterPolicyMap["global"] = FW::FW_POLICY_NONE;
+    if (oddly(16)) profile.adapterPolicyMap["global"] = policy(2);
+    if (random_.oneIn(3)) addRules(profile, "global", 1 + random_.below(2));
+    for (std::size_t adapters = 1 + random_.below(3); adapters > 0; --adapters) {
+      const std::string adapter = random_.oneOf(ordinary_ ? kOrdinaryAdapters : kAdapters);
+      addRules(profile, adapter, random_.below(4));
+      if (!oddly(8)) profile.adapterPolicyMap[adapter] = policy(ordinary_ ? 2 : 3);
+    }
+    return profile;
   }
-  Addresses addresses = random.oneOf(kSources);
-  if (random.oneIn(12)) {
-    addresses = random.oneOf(kDestinations);
+
+ private:
+  // True for one in `count` of the profiles that are not ordinary.
+  bool oddly(std::size_t count) { return random_.oneIn(count) && !ordinary_; }
+
+  FW::FW_POLICY policy(std::size_t count) {
+    return static_cast<FW::FW_POLICY>(random_.below(count));
+  }
+
+  void addRules(FWPROFILE& profile, const std::string& adapter, std::size_t count) {
+    std::vector<FWRULE>& rules = profile.rules[adapter];
+    for (; count > 0; --count) rules.push_back(rule());
+    if (oddly(24)) addRulesToTheMachine(rules);
+    if (rules.empty()) profile.rules.erase(adapter);
+  }
+
+  FWRULE rule() {
+    FWRULE rule;
+    rule.enable = !random_.oneIn(10);
+    rule.policy = policy(2);
+    if (oddly(16)) rule.policy = FW::FW_POLICY_NONE;
+    rule.blLog = random_.oneIn(8);
+    if (oddly(16)) rule.adapterDirect = 0;
+    if (oddly(24)) rule.table = "mangle";
+    setAddresses(rule);
+    setPorts(rule);
+    if (oddly(24)) rule.portDirect = 2;
+    return rule;
+  }
+
+  void setAddresses(FWRULE& rule) {
+    rule.ipType = 2;
+    if (random_.oneIn(2)) {
+      rule.ipGroup = 5;
+      if (oddly(3)) rule.ipType = static_cast<std::int32_t>(random_.below(2));
+      return;
+    }
+    Addresses addresses = random_.oneOf(kSources);
+    if (oddly(12)) {
+      addresses = random_.oneOf(kDestinations);
+      rule.ipDirect = 0;
+    } else if (oddly(12)) {
+      addresses = random_.oneOf(kNobody);
+    }
+    rule.ipType = isV6(addresses) ? 1 : 0;
+    if (oddly(5)) rule.ipType = static_cast<std::int32_t>(random_.below(3));
+    rule.ipGroup = addresses.group;
+    rule.ipList = addresses.list;
+  }
+
+  void setPorts(FWRULE& rule) {
+    rule.portDirect = oddly(5) ? 1 : 0;
+    switch (random_.below(4)) {
+      case 0:
+        rule.portGroup = 3;
+        return;
+      case 1:
+        rule.portGroup = random_.oneIn(2) ? 0 : 2;
+        for (std::size_t count = 1 + random_.below(2); count > 0; --count) {
+          rule.portList.push_back(random_.oneOf(ordinary_ ? kOrdinaryServices : kServices));
+        }
+        return;
+      default:
+        rule.portGroup = 1;
+        rule.protocol = static_cast<FW::FW_PORT_PROTOCOL>(1 + random_.below(3));
+        if (oddly(20)) rule.protocol = FW::FW_PROTO_ICMP;
+        for (std::size_t count = random_.oneIn(20) ? 9 : 1 + random_.below(2); count > 0; --count) {
+          rule.portList.push_back(random_.oneOf(kListedPorts));
+        }
+    }
+  }
+
+  // The same for the machine's addresses of both families.
+  void addRulesToTheMachine(std::vector<FWRULE>& rules) {
+    FWRULE rule;
+    rule.policy = policy(2);
     rule.ipDirect = 0;
-  } else if (random.oneIn(12)) {
-    addresses = random.oneOf(kNobody);
+    rule.ipList = {"10.77.0.1"};
+    rule.portGroup = 3;
+    rules.push_back(rule);
+    rule.ipType = 1;
+    rule.ipList = {"fd77::1"};
+    rules.push_back(rule);
   }
-  if (!random.oneIn(5)) rule.ipType = isV6(addresses) ? 1 : 0;
-  rule.ipGroup = addresses.group;
-  rule.ipList = addresses.list;
-}
 
-void setPorts(Random& random, FWRULE& rule) {
-  static const Texts kListed = {"21",    "22",    "23",    "24",    "25",    "21-22",
-                                "22-24", "21-25", "24-25", "23-23", "20-24", "21-40"};
-  static const std::vector<FW::FW_PORT_PROTOCOL> kListedProtocols = {
-      FW::FW_PROTO_TCP, FW::FW_PROTO_UDP, FW::FW_PROTO_TCP_UDP};
-  static const Texts kServices = {"tcp21",  "udp22",     "both23", "tcp21to23", "tcp21and25",
-                                  "from24", "udp21to22", "gone",   "nosuch"};
-  rule.portDirect = random.oneIn(5) ? 1 : 0;
-  switch (random.below(4)) {
-    case 0:
-      rule.portGroup = 3;
-      return;
-    case 1:
-      rule.portGroup = random.oneIn(2) ? 0 : 2;
-      for (std::size_t count = 1 + random.below(2); count > 0; --count) {
-        rule.portList.push_back(random.oneOf(kServices));
-      }
-      return;
-    default:
-      rule.portGroup = 1;
-      rule.protocol = random.oneOf(kListedProtocols);
-      if (random.oneIn(20)) rule.protocol = FW::FW_PROTO_ICMP;
-      for (std::size_t count = random.oneIn(20) ? 9 : 1 + random.below(2); count > 0; --count) {
-        rule.portList.push_back(random.oneOf(kListed));
-      }
-  }
-}
-
-// The same for the machine's addresses of both families.
-std::vector<FWRULE> rulesToTheMachine(Random& random) {
-  FWRULE rule;
-  rule.policy = random.oneIn(2) ? FW::FW_POLICY_ALLOW : FW::FW_POLICY_DENY;
-  rule.ipDirect = 0;
-  rule.ipList = {"10.77.0.1"};
-  rule.portGroup = 3;
-  FWRULE overIPv6 = rule;
-  overIPv6.ipType = 1;
-  overIPv6.ipList = {"fd77::1"};
-  return {rule, overIPv6};
-}
-
-FWRULE randomRule(Random& random) {
-  FWRULE rule;
-  rule.enable = !random.oneIn(10);
-  rule.policy = random.oneIn(2) ? FW::FW_POLICY_ALLOW : FW::FW_POLICY_DENY;
-  if (random.oneIn(16)) rule.policy = FW::FW_POLICY_NONE;
-  rule.blLog = random.oneIn(8);
-  if (random.oneIn(16)) rule.adapterDirect = 0;
-  if (random.oneIn(24)) rule.table = "mangle";
-  setAddresses(random, rule);
-  setPorts(random, rule);
-  if (random.oneIn(24)) rule.portDirect = 2;
-  return rule;
-}
+  Random& random_;
+  bool ordinary_;
+};
 
 }  // namespace
 
-FWPROFILE randomProfile(Random& random) {
-  static const Texts kAdapters = {"eth0", "eth0", "tun0", "vpn", "pppoe", "eth1", "ppp0", "eth9"};
-  FWPROFILE profile;
-  profile.name = "property";
-  if (random.oneIn(3)) {
-    for (std::size_t count = 1 + random.below(2); count > 0; --count) {
-      profile.rules["global"].push_back(randomRule(random));
-    }
-  }
-  for (std::size_t adapters = 1 + random.below(3); adapters > 0; --adapters) {
-    const std::string adapter = random.oneOf(kAdapters);
-    for (std::size_t count = random.below(4); count > 0; --count) {
-      profile.rules[adapter].push_back(randomRule(random));
-    }
-    if (random.oneIn(24)) {
-      for (const FWRULE& rule : rulesToTheMachine(random)) profile.rules[adapter].push_back(rule);
-    }
-    if (!random.oneIn(8)) {
-      profile.adapterPolicyMap[adapter] = static_cast<FW::FW_POLICY>(random.below(3));
-    }
-  }
-  profile.adapterPolicyMap["global"] = FW::FW_POLICY_NONE;
-  if (random.oneIn(16)) {
-    profile.adapterPolicyMap["global"] = static_cast<FW::FW_POLICY>(random.below(2));
-  }
-  return profile;
-}
+FWPROFILE randomProfile(Random& random) { return Maker(random).make(); }
 
 const std::vector<Query>& allQueries() {
   static const std::vector<Query> queries = [] {

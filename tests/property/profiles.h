@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "specifiedAnswer.h"
+#include "evaluation.h"
 #include "tarnfirewall_records.h"
 
 namespace property {

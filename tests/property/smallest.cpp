@@ -217,7 +217,7 @@ Candidates simplerThan(const Case& one) {
 }  // namespace
 
 int verdictOf(const Case& one) {
-  const FW::AdapterPolicyMap answer = specifiedAnswer(one.profile, one.query);
+  const FW::AdapterPolicyMap answer = workedOutAnswer(one.profile, one.query);
   const auto verdict = answer.find(one.adapter);
   return verdict == answer.end() ? -1 : static_cast<int>(verdict->second);
 }
@@ -237,12 +237,11 @@ std::string describe(const Case& one) {
   return text + ". The packets: " + nameOf(truthOf(one)) + ".\n";
 }
 
-Case smallest(Case one) {
-  const int verdict = verdictOf(one);
+Case smallest(Case one, const std::function<bool(const Case&)>& shows) {
   for (bool simplified = true; simplified;) {
     simplified = false;
     for (Case& candidate : simplerThan(one)) {
-      if (verdictOf(candidate) != verdict || agrees(verdict, truthOf(candidate))) continue;
+      if (!shows(candidate)) continue;
       one = std::move(candidate);
       simplified = true;
       break;

@@ -8,8 +8,8 @@
 #include <optional>
 #include <string>
 
+#include "evaluation.h"
 #include "network.h"
-#include "specifiedAnswer.h"
 
 namespace property {
 
