@@ -11,7 +11,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -22,6 +24,7 @@
 #include <boost/interprocess/sync/file_lock.hpp>
 #include <boost/interprocess/sync/scoped_lock.hpp>
 
+#include "cancellation.h"
 #include "constants.h"
 #include "files.h"
 #include "log.h"
@@ -45,8 +48,7 @@ constexpr mode_t kLockFileMode = 0600;             // octal: who can open it can
 constexpr mode_t kNewDocumentMode = 0640;          // octal
 constexpr mode_t kWidestDocumentMode = 0660;  // octal: a document others can write is root's rights
 constexpr std::size_t kPathBuffer = 1024;     // bytes, NUL included
-constexpr int kOpenAttempts = 8;
-constexpr int kDescriptorsSearched = 4096;
+constexpr int kOpenAttempts = 10000;  // who puts a thing in the way each time is once too slow
 
 // Owns a descriptor.
 class Descriptor {
@@ -73,63 +75,82 @@ bool sameFile(const struct stat& one, const struct stat& other) {
   return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
+// True for a lock file that no other user can have prepared.
+bool isOwnFile(const struct stat& info) {
+  return S_ISREG(info.st_mode) && info.st_nlink == 1 && info.st_uid == geteuid();
+}
+
 // A lock file must be one that no other user can have prepared, open or lock.
 bool trustedLockFile(int fd) {
   struct stat info = {};
-  if (fstat(fd, &info) != 0) return false;
-  if (!S_ISREG(info.st_mode) || info.st_nlink != 1 || info.st_uid != geteuid()) return false;
+  if (fstat(fd, &info) != 0 || !isOwnFile(info)) return false;
   return (info.st_mode & 07777) == kLockFileMode || fchmod(fd, kLockFileMode) == 0;
 }
 
-// Clears the name `path` of what somebody else put there. A directory cannot be unlinked and is
-// moved.
+// Moves the directory `path` into a new one of our own: no name that its owner could know and take
+// first. The slash behind it keeps out a lock file that was made in its place meanwhile.
+bool moveDirectoryAside(const std::string& path) {
+  std::string aside = path + ".moved-XXXXXX";
+  if (mkdtemp(aside.data()) == nullptr) return false;
+  if (rename((path + "/").c_str(), (aside + "/moved").c_str()) == 0) return true;
+  const int error = errno;
+  (void)rmdir(aside.c_str());
+  errno = error;
+  return false;
+}
+
+// Clears the name `path` of what somebody else put there. What he has taken away or exchanged
+// meanwhile is no failure: the caller looks again.
 bool moveAside(const std::string& path, const struct stat& squatter) {
-  if (!S_ISDIR(squatter.st_mode)) return unlink(path.c_str()) == 0;
-  const std::string aside = path + "." + std::to_string(squatter.st_ino) + ".moved";
-  return rename(path.c_str(), aside.c_str()) == 0;
+  const bool moved =
+      S_ISDIR(squatter.st_mode) ? moveDirectoryAside(path) : unlink(path.c_str()) == 0;
+  return moved || errno == ENOENT || errno == EISDIR || errno == ENOTDIR;
+}
+
+// The errors of an open() that only something of another user's gives: a link, a directory, a
+// socket, a device without a driver, a file that its owner has leased or is running.
+bool isSquatted(int error) {
+  return error == ELOOP || error == EISDIR || error == ENXIO || error == ENODEV ||
+         error == EWOULDBLOCK || error == ETXTBSY;
 }
 
 // Opens the lock file, creating it when it is absent. Never follows a link, waits on a FIFO or
-// takes a file that is not ours: the lock directory may be /tmp. -1 with errno on failure.
+// takes a file that is not ours: the lock directory may be /tmp. Creating comes first, so that
+// nothing lies between clearing the name and the next attempt. -1 with errno on failure.
 int openLockFile(const std::string& path) {
   for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
-    int fd = open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0 && errno == ENOENT) {
-      fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kLockFileMode);
-      if (fd < 0 && errno == EEXIST) continue;
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kLockFileMode);
+    if (fd < 0 && errno == EEXIST) {
+      fd = open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+      if (fd < 0 && errno == ENOENT) continue;
     }
-    if (fd < 0 && errno != ELOOP && errno != ENXIO && errno != EISDIR) return -1;
+    if (fd < 0 && !isSquatted(errno)) return -1;
     if (fd >= 0 && trustedLockFile(fd)) return fd;
 
     // Only what still stands at the name is moved: a lock file that its owner has removed meanwhile
     // is no squatter, and the next one at its name may be in use.
     struct stat opened = {};
     struct stat named = {};
-    const bool replaced = lstat(path.c_str(), &named) != 0 ||
-                          (fd >= 0 && (fstat(fd, &opened) != 0 || !sameFile(opened, named)));
+    const bool replaced =
+        lstat(path.c_str(), &named) != 0 ||
+        (fd < 0 ? isOwnFile(named) : fstat(fd, &opened) != 0 || !sameFile(opened, named));
     if (fd >= 0) (void)close(fd);
-    if (!replaced && !moveAside(path, named)) break;
+    if (!replaced && !moveAside(path, named)) return -1;
   }
   errno = EPERM;
   return -1;
 }
 
-// The number that the next open() will get if nobody is faster.
-int nextDescriptor() {
-  const int fd = open("/", O_PATH | O_CLOEXEC);
-  if (fd >= 0) (void)close(fd);
-  return fd;
-}
-
-// Sets close-on-exec on the descriptor `number` if it is open on the same file as `ours`.
-bool closeOnExec(int number, int ours) {
+// The descriptor of a file_lock. The class tells it to nobody, but holds nothing else. -1 when it
+// is not open on the same file as `ours`.
+int descriptorOf(const file_lock& lock, int ours) {
+  int number = -1;
+  static_assert(sizeof number == sizeof lock);
+  std::memcpy(&number, &lock, sizeof number);
   struct stat mine = {};
   struct stat other = {};
-  if (number < 0 || number == ours || fstat(ours, &mine) != 0 || fstat(number, &other) != 0 ||
-      !sameFile(mine, other)) {
-    return false;
-  }
-  return fcntl(number, F_SETFD, FD_CLOEXEC) == 0;
+  const bool same = fstat(ours, &mine) == 0 && fstat(number, &other) == 0 && sameFile(mine, other);
+  return same ? number : -1;
 }
 
 // The lock of one document: an exclusive record lock on its lock file.
@@ -160,25 +181,18 @@ class DocumentLock {
  private:
   // The lock library opens by name, follows links and leaves its descriptor open across exec. So
   // the file is opened and checked here first, the library is pointed at that very file, and its
-  // descriptor is marked: it gets the lowest free number, or one found by looking when another
-  // thread was faster.
+  // descriptor is marked.
   void openForLocking() {
     lock_.reset();
     file_.reset();
     file_.emplace(openLockFile(path_));
     if (!file_->open()) throw interprocess_exception(error_info(errno));
-    const int expected = nextDescriptor();
     const std::string checked = "/proc/self/fd/" + std::to_string(file_->get());
-    try {
-      lock_.emplace(checked.c_str());
-    } catch (const interprocess_exception&) {
-      if (access(checked.c_str(), F_OK) == 0) throw;
-      lock_.emplace(path_.c_str());  // there is no /proc
-    }
-    if (closeOnExec(expected, file_->get())) return;
-    for (int number = 0; number < kDescriptorsSearched; ++number) {
-      if (closeOnExec(number, file_->get())) return;
-    }
+    const bool mounted = access(checked.c_str(), F_OK) == 0;
+    lock_.emplace(mounted ? checked.c_str() : path_.c_str());
+    const int number = descriptorOf(*lock_, file_->get());
+    if (number < 0) throw interprocess_exception(error_info(ESTALE));
+    (void)fcntl(number, F_SETFD, FD_CLOEXEC);
   }
 
   bool stillNamed() const {
@@ -195,7 +209,40 @@ class DocumentLock {
   std::optional<scoped_lock<file_lock>> held_;
 };
 
+// While it lives, a write of this thread beyond the limit on files fails with EFBIG and sends no
+// SIGXFSZ, which would end the program. What was blocked or pending before stays so.
+class FileSizeSignalHold {
+ public:
+  FileSizeSignalHold() {
+    sigset_t pending;
+    (void)sigemptyset(&signal_);
+    (void)sigaddset(&signal_, SIGXFSZ);
+    (void)sigpending(&pending);
+    wasPending_ = sigismember(&pending, SIGXFSZ) == 1;
+    (void)pthread_sigmask(SIG_BLOCK, &signal_, &before_);
+  }
+  ~FileSizeSignalHold() {
+    const int error = errno;
+    sigset_t pending;
+    const timespec now = {};
+    (void)sigpending(&pending);
+    if (!wasPending_ && sigismember(&pending, SIGXFSZ) == 1) {
+      (void)sigtimedwait(&signal_, nullptr, &now);
+    }
+    (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    errno = error;
+  }
+  FileSizeSignalHold(const FileSizeSignalHold&) = delete;
+  FileSizeSignalHold& operator=(const FileSizeSignalHold&) = delete;
+
+ private:
+  sigset_t signal_;
+  sigset_t before_;
+  bool wasPending_ = false;
+};
+
 bool writeAll(int fd, const std::string& text) {
+  const FileSizeSignalHold noSignal;
   std::size_t written = 0;
   while (written < text.size()) {
     const ssize_t count = write(fd, text.data() + written, text.size() - written);
@@ -290,6 +337,7 @@ std::string getLockFile(const std::string& path) {
 }
 
 bool jsonFileLoad(Json::Value& value, const std::string& path) {
+  const FW::CancellationHold noCancellation;
   if (access(path.c_str(), F_OK) != 0) {
     return here().fail("File %s does not exist", path.c_str());
   }
@@ -309,6 +357,10 @@ bool jsonFileLoad(Json::Value& value, const std::string& path) {
 }
 
 bool jsonFileDump(const Json::Value& value, const std::string& path) {
+  // The path of a profile that vanished between two looks at the directory is empty. Its temporary
+  // file would lie in the caller's working directory.
+  if (path.empty()) return here().fail("Failed to rename to %s", path.c_str());
+  const FW::CancellationHold noCancellation;
   DocumentLock lock(path);
   if (!lock.take()) return here().fail("Failed to get lock timeout");
 

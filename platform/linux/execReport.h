@@ -14,8 +14,8 @@ int TARNExecReportCount(void);
 // The run `index`, counted from 0 in the order the runs ended: its status as TLIBCExecv answered
 // it, the command line, and the first lines of what the program printed, joined by " / ". Texts are
 // cut to the given sizes (bytes, NUL included) and are always terminated; a null pointer is
-// skipped. Negative when there is no such run or it is past the 256 that are kept; everything is
-// then untouched.
+// skipped. Negative when there is no such run or it is past those that are kept, the first 65,536
+// whose texts have room in 8 MiB; everything is then untouched.
 int TARNExecReportGet(int index, int* status, char* command, int commandSize, char* words,
                       int wordsSize);
 

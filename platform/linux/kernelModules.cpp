@@ -95,18 +95,20 @@ class StateFile {
 
   bool locked() const { return lock_ >= 0; }
 
-  State read() const {
+  State read() {
     std::string text;
     if (!locked()) {
       return {};
     }
     if (!readTextFile(kStateFile, kStateLimit, &text) && errno != ENOENT) {
       here().error("%s cannot be read: %s", kStateFile, errorText(errno));
+      known_ = false;
     }
     return parse(text);
   }
 
-  // A claim that cannot be written means only that a module stays in the kernel.
+  // A claim that cannot be written means only that a module stays in the kernel. Claims that could
+  // not be read are not written over.
   void write(const State& state) const {
     std::string text = "# module, how it came in, the services that use it\n";
     for (const auto& entry : state) {
@@ -116,7 +118,7 @@ class StateFile {
       }
       text += "\n";
     }
-    if (locked() && !replaceTextFile(kStateFile, text, kStateMode)) {
+    if (locked() && known_ && !replaceTextFile(kStateFile, text, kStateMode)) {
       here().error("%s cannot be written: %s", kStateFile, errorText(errno));
     }
   }
@@ -145,6 +147,7 @@ class StateFile {
   }
 
   int lock_ = -1;
+  bool known_ = true;
 };
 
 bool hasService(const Usage& usage, const std::string& service) {
@@ -277,7 +280,7 @@ bool insertModules(const std::string& service, const std::vector<std::string>& n
     here().error("libkmod cannot be used");
     return false;
   }
-  const StateFile file;
+  StateFile file;
   State state = file.read();
   std::string absent;
   bool succeeded = true;
@@ -341,7 +344,7 @@ bool unload(kmod_ctx* context, const std::string& name, bool* out) {
 }
 
 bool removeModules(const std::string& service, const std::vector<std::string>& names) {
-  const StateFile file;
+  StateFile file;
   State state = file.read();
   Context context;
   bool succeeded = true;

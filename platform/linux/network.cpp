@@ -1,5 +1,6 @@
 // Interfaces come from one dump of the kernel's link table: it has every interface once, those that
-// are down too, and no aliases. Addresses are of no interest, a rule names its interface.
+// are down too, and no aliases. Addresses are of no interest, a rule names its interface. Left out
+// are loopback, "global", "pppoe", "vpn" and names that end in "+".
 
 #include "network.h"
 

@@ -10,6 +10,7 @@
 
 #include "cancellation.h"
 #include "clock.h"
+#include "closedPolicies.h"
 #include "descriptor.h"
 
 namespace tarnrun {
@@ -88,11 +89,14 @@ Outcome runPacketFilterTool(const Program& program) {
   tool.environment = lock.valid() ? kEnvironmentUnderLock : kFixedEnvironment;
   tool.ownGroup = true;  // a key pressed at the caller's terminal must not end it half way
   const AttemptOutput output(tool);
+  const PolicyNote note(tool.argv);
+  note.before();
   int64_t pause = kFirstPause;
   for (int attempt = 1;; ++attempt) {
     const Outcome outcome = runProgram(tool);
     if (outcome.status != kResourceProblem || attempt == kAttempts || !output.namesHeldLock() ||
         !output.discard()) {
+      note.after(outcome.status);
       return outcome;
     }
     sleepFor(pause);

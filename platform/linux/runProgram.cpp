@@ -27,6 +27,7 @@
 #include <signal.h>
 #include <stdint.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/single_threaded.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -49,7 +50,8 @@ constexpr int64_t kFirstPause = 10 * kNanosecondsPerMillisecond;
 constexpr int64_t kLongestPause = 320 * kNanosecondsPerMillisecond;
 constexpr int kReapSeconds = 5;  // for a killed program that hangs in the kernel
 constexpr size_t kStackBytes = size_t{8} * 1024;
-constexpr long kWordsFileBytes = 16L * 1024 * 1024;
+constexpr uint64_t kWordsFileBytes = uint64_t{16} * 1024 * 1024;
+constexpr int kProgramMask = 022;  // octal
 
 // The kernel's signal numbers are 1 to 64; its sets are 64 bits. glibc's own functions leave out
 // the two signals that carry thread cancellation and setuid(), and those must not interrupt the
@@ -100,6 +102,13 @@ void setDefaultAction(int signal) noexcept {
   (void)syscall(SYS_rt_sigaction, signal, kDefaultAction, nullptr, sizeof(SignalSet));
 }
 
+// The handler is its first word, and 1 is SIG_IGN.
+constexpr unsigned long kIgnoringAction[16] = {1};
+
+void ignoreSignal(int signal) noexcept {
+  (void)syscall(SYS_rt_sigaction, signal, kIgnoringAction, nullptr, sizeof(SignalSet));
+}
+
 bool moveDescriptor(int from, int to) noexcept {
   if (from == to) {
     return syscall(SYS_fcntl, to, F_SETFD, 0) == 0;
@@ -130,12 +139,45 @@ bool arrangeDescriptors(int output) noexcept {
   }
 }
 
+struct FileSizeLimit {
+  uint64_t soft = 0;
+  uint64_t hard = 0;
+};
+
+FileSizeLimit fileSizeLimit() noexcept {
+  FileSizeLimit limit;
+  (void)syscall(SYS_prlimit64, 0, RLIMIT_FSIZE, nullptr, &limit);
+  return limit;
+}
+
+// Room for what the program prints, which is a file: under a lower limit the first word would end
+// it by SIGXFSZ. Where the limit cannot be raised, what is printed gets lost.
+void allowOutput() noexcept {
+  FileSizeLimit limit = fileSizeLimit();
+  if (limit.soft >= kWordsFileBytes) {
+    return;
+  }
+  limit.soft = kWordsFileBytes;
+  limit.hard = limit.hard < kWordsFileBytes ? kWordsFileBytes : limit.hard;
+  if (syscall(SYS_prlimit64, 0, RLIMIT_FSIZE, &limit, nullptr) != 0) {
+    ignoreSignal(SIGXFSZ);
+  }
+}
+
+// What of the caller's would reach the program although it is no signal and no descriptor.
+void arrangeSurroundings() noexcept {
+  (void)syscall(SYS_umask, kProgramMask);
+  (void)syscall(SYS_chdir, "/");
+  allowOutput();
+}
+
 int toolMain(void* argument) noexcept {
   Run& run = *static_cast<Run*>(argument);
   const Program& program = run.program;
   for (int signal = 1; signal <= kLastSignal; ++signal) {
     setDefaultAction(signal);  // exec keeps what is ignored
   }
+  arrangeSurroundings();
   if (arrangeDescriptors(run.output) && (!program.ownGroup || syscall(SYS_setpgid, 0, 0) == 0)) {
     setSignalMask(0, nullptr);
     (void)syscall(SYS_execve, program.path, program.argv, program.environment);
@@ -150,8 +192,12 @@ int makeWordsFile() noexcept {
   return static_cast<int>(syscall(SYS_memfd_create, "output", MFD_CLOEXEC | MFD_ALLOW_SEALING));
 }
 
-// Fixes the file's size: a program cannot fill the machine's memory with what it prints.
+// Fixes the file's size: a program cannot fill the machine's memory with what it prints. Under a
+// lower limit on files that would send the caller SIGXFSZ; the program's own limit does it then.
 void sealWordsFile(int fd) noexcept {
+  if (fileSizeLimit().soft < kWordsFileBytes) {
+    return;
+  }
   (void)syscall(SYS_ftruncate, fd, kWordsFileBytes);
   (void)syscall(SYS_fcntl, fd, F_ADD_SEALS, F_SEAL_GROW);
 }

@@ -34,10 +34,12 @@ struct Outcome {
 };
 
 // The program gets /dev/null as standard input, no descriptor above 2, every signal at its default
-// and unblocked. A start that fails for want of resources is repeated for at most 5 seconds.
-// `words` is filled unless the status is 0; what is printed beyond 16 MiB is refused with EPERM
-// then. Allocates nothing, needs 20 KiB of stack. The calling thread's signals and its cancellation
-// are put off until the program has ended.
+// and unblocked, mask 022, the root directory as its working directory, and a limit on files that
+// leaves room for what it prints; where that limit cannot be raised, SIGXFSZ is ignored. A start
+// that fails for want of resources is repeated for at most 5 seconds. `words` is filled unless the
+// status is 0; what is printed beyond 16 MiB is refused with EPERM then. Allocates nothing, needs
+// 20 KiB of stack. The calling thread's signals and its cancellation are put off until the program
+// has ended.
 Outcome runProgram(const Program& program);
 
 }  // namespace tarnrun

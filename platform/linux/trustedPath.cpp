@@ -16,14 +16,18 @@ namespace tarnplatform {
 
 namespace {
 
+// Moves a directory, and nothing else that may have taken its place meanwhile: the slash behind the
+// name sees to that.
 bool renameAside(int directory, const char* name) {
   char aside[NAME_MAX + 1];
+  char only[NAME_MAX + 2];
+  (void)snprintf(only, sizeof only, "%s/", name);
   constexpr int kTries = 100;
   for (int i = 0; i < kTries; ++i) {
     const auto mark =
         static_cast<unsigned long long>(tarnrun::monotonicNow()) + static_cast<unsigned>(i);
     (void)snprintf(aside, sizeof aside, "%.200s.moved-%llx", name, mark);
-    if (renameat2(directory, name, directory, aside, RENAME_NOREPLACE) == 0) {
+    if (renameat2(directory, only, directory, aside, RENAME_NOREPLACE) == 0) {
       return true;
     }
     if (errno != EEXIST) {
@@ -79,7 +83,7 @@ bool clearName(int directory, const char* name, const char* path) {
   // What its owner has taken away or exchanged meanwhile is looked at again by the caller.
   const bool cleared =
       (isDirectory ? renameAside(directory, name) : unlinkat(directory, name, 0) == 0) ||
-      errno == ENOENT || errno == EISDIR;
+      errno == ENOENT || errno == EISDIR || errno == ENOTDIR;
   const int error = errno;
   const char* const result = !cleared ? errorText(error) : isDirectory ? "renamed" : "removed";
   if (path != nullptr) {

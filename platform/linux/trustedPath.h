@@ -24,8 +24,8 @@ bool openPlace(const char* path, Place* place);
 // the caller or to root.
 bool isOwnFile(const struct stat& status);
 
-// True for the errors of an open() that only something of another user's gives: a link, a directory,
-// a socket, a device without a driver, a file that its owner has leased or is running.
+// True for the errors of an open() that only something of another user's gives: a link, a
+// directory, a socket, a device without a driver, a file that its owner has leased or is running.
 bool isSquatted(int error);
 
 // Frees the name from what stands there and is not an own file: a directory is renamed, anything

@@ -114,8 +114,11 @@ bool TARNFW_IPTABLES_RULES::fwRulesToIptablesRules(const bool& withState, const 
                                                    Json::Value& cmds,
                                                    const std::string& stateExemptAddress) {
   const char* exempt = stateExemptAddress.c_str();
-  const bool exemptV4 = !stateExemptAddress.empty() && BlTLIBIsIpAddr(exempt) != 0;
-  const bool exemptV6 = !stateExemptAddress.empty() && BlTLIBIsv6IpAddrValid(exempt) != 0;
+  // The platform reads up to a NUL; what stands behind one would become words of the line.
+  const bool whole =
+      !stateExemptAddress.empty() && stateExemptAddress.find('\0') == std::string::npos;
+  const bool exemptV4 = whole && BlTLIBIsIpAddr(exempt) != 0;
+  const bool exemptV6 = whole && BlTLIBIsv6IpAddrValid(exempt) != 0;
   if (!stateExemptAddress.empty() && !exemptV4 && stateExemptAddress != "127.0.0.1" && !exemptV6) {
     return at(661).fail("Invalid input argument '%s' which is not an IP address.", exempt);
   }

@@ -3,6 +3,7 @@
 #ifndef TARNFW_SRC_TARNFW_MODULE_H
 #define TARNFW_SRC_TARNFW_MODULE_H
 
+#include "../cancellation.h"
 #include "log.h"
 #include "tarnfirewall.h"
 
@@ -23,8 +24,10 @@ void openPolicies() noexcept;
 //
 // An exception leaves the policies open too. That takes a handler: a guard's destructor would not
 // run, since the runtime ends the process without unwinding when no handler is found up the stack.
+// A thread that is cancelled meanwhile is cancelled when the policies are open again.
 template <class Apply>
 bool throughDropPeriod(TARNFW& firewall, Apply apply) {
+  const CancellationHold noCancellation;
   try {
     if (!firewall.fwDefaultDrop()) return false;
     bool applied = apply();

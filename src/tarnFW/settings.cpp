@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include <json/value.h>
 
@@ -30,7 +31,9 @@ bool TARNFW::initJconfig(Json::Value& out) {
 }
 
 bool TARNFW::configGet(Json::Value& out) {
-  if (access(kSettingsFile, F_OK) != 0) {
+  // Only what is known to be absent: settings that cannot be looked up (no descriptor left, an
+  // error of the disk) would be lost to the defaults.
+  if (access(kSettingsFile, F_OK) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
     (void)initJconfig(out);
     (void)jsonFileDump(out, kSettingsFile);  // a machine that cannot store them still has defaults
     return true;

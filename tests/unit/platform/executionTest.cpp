@@ -326,19 +326,39 @@ TEST_F(Execution, SuccessIsNotReported) {
   EXPECT_EQ(0, TARNExecReportCount());
 }
 
-TEST_F(Execution, ReportKeepsTheFirst256AndCountsAll) {
-  for (int i = 0; i < 300; ++i) (void)execute(Arguments({"/nowhere/" + std::to_string(i)}));
+// A path that is not absolute is reported without a process being started.
+TEST_F(Execution, ReportKeepsTheFirst65536AndCountsAll) {
+  constexpr int kKept = 65536;
+  for (int i = 0; i < kKept + 100; ++i) {
+    (void)TLIBCExecv(("nowhere/" + std::to_string(i)).c_str(), nullptr, /*wait=*/1);
+  }
   (void)trace::take();
-  EXPECT_EQ(300, TARNExecReportCount());
+  EXPECT_EQ(kKept + 100, TARNExecReportCount());
   char command[64] = "";
-  EXPECT_EQ(0, TARNExecReportGet(255, nullptr, command, sizeof command, nullptr, 0));
-  EXPECT_STREQ("/nowhere/255", command);
-  EXPECT_EQ(-1, TARNExecReportGet(256, nullptr, command, sizeof command, nullptr, 0));
+  EXPECT_EQ(0, TARNExecReportGet(kKept - 1, nullptr, command, sizeof command, nullptr, 0));
+  EXPECT_STREQ("nowhere/65535", command);
+  EXPECT_EQ(-1, TARNExecReportGet(kKept, nullptr, command, sizeof command, nullptr, 0));
   EXPECT_EQ(-1, TARNExecReportGet(-1, nullptr, command, sizeof command, nullptr, 0));
-  EXPECT_STREQ("/nowhere/255", command);
+  EXPECT_STREQ("nowhere/65535", command);
   TARNExecReportClear();
   EXPECT_EQ(0, TARNExecReportCount());
   EXPECT_EQ(-1, TARNExecReportGet(0, nullptr, command, sizeof command, nullptr, 0));
+}
+
+// The longest command line is cut to 1279 bytes, its words have 32: 6388 of them fill 8 MiB.
+TEST_F(Execution, ReportKeepsEightMebibytes) {
+  const std::string program = std::string(2000, 'x');
+  for (int i = 0; i < 7000; ++i) (void)TLIBCExecv(program.c_str(), nullptr, /*wait=*/1);
+  (void)TLIBCExecv("short", nullptr, /*wait=*/1);
+  (void)trace::take();
+  constexpr int kKept = 8 * 1024 * 1024 / (1279 + 1 + 32 + 1);
+  char command[2048] = "";
+  char words[64] = "";
+  EXPECT_EQ(7001, TARNExecReportCount());
+  EXPECT_EQ(0, TARNExecReportGet(kKept - 1, nullptr, command, sizeof command, words, sizeof words));
+  EXPECT_EQ(std::string(1279, 'x'), command);
+  EXPECT_STREQ("no absolute path or no arguments", words);
+  EXPECT_EQ(-1, TARNExecReportGet(kKept, nullptr, nullptr, 0, nullptr, 0));
 }
 
 TEST_F(Execution, ReportCutsToTheGivenSizes) {

@@ -176,6 +176,62 @@ TEST_F(PacketFilterTool, ThreadsTakeTurns) {
   EXPECT_EQ(0, failures);
 }
 
+// --- policies that are closed and opened ---
+
+struct PolicyRow {
+  const char* name;
+  std::vector<std::string> arguments;
+  const char* during;      // files of /run/tarn while the tool runs
+  const char* afterwards;  // and when it has ended with status 0
+};
+
+void PrintTo(const PolicyRow& row, std::ostream* out) { *out << row.name; }
+
+// clang-format off
+const std::vector<PolicyRow> kPolicyRows = {
+    {"Closes", {"/sbin/iptables", "--policy", "INPUT", "DROP"}, "closed_policy.iptables.INPUT noted\n", "closed_policy.iptables.INPUT noted"},
+    {"ClosesForward", {"/sbin/ip6tables", "--policy", "FORWARD", "DROP"}, "closed_policy.ip6tables.FORWARD noted\n", "closed_policy.ip6tables.FORWARD noted"},
+    {"Opens", {"/sbin/iptables", "--policy", "FORWARD", "ACCEPT"}, "noted\n", "noted"},
+    {"OtherChain", {"/sbin/iptables", "--policy", "OUTPUT", "DROP"}, "noted\n", "noted"},
+    {"NoPlainChain", {"/sbin/iptables", "--policy", "../INPUT", "DROP"}, "noted\n", "noted"},
+    {"OtherWord", {"/sbin/iptables", "-P", "INPUT", "DROP"}, "noted\n", "noted"},
+    {"OneWordMore", {"/sbin/iptables", "--policy", "INPUT", "DROP", "-w"}, "noted\n", "noted"},
+    {"OneWordLess", {"/sbin/iptables", "--policy", "INPUT"}, "noted\n", "noted"},
+};
+// clang-format on
+
+class Policy : public PacketFilterTool, public testing::WithParamInterface<PolicyRow> {};
+
+TEST_P(Policy, IsNotedBeforeItIsClosed) {
+  files::write(kTool, "echo $(ls /run/tarn) >/tmp/platform/record\n");
+  run("mkdir /run/tarn && touch /run/tarn/noted");
+  const Arguments arguments(GetParam().arguments);
+  EXPECT_EQ(0, TLIBCExecv(arguments.path(), arguments.get(), /*wait=*/1));
+  EXPECT_EQ(GetParam().during, files::read(kRecord));
+  EXPECT_EQ(GetParam().afterwards, files::listing("/run/tarn"));
+}
+
+INSTANTIATE_TEST_SUITE_P(PacketFilterTool, Policy, testing::ValuesIn(kPolicyRows),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(PacketFilterTool, PolicyIsForgottenWhenTheToolHasOpenedIt) {
+  const auto policy = [](const char* target) {
+    const Arguments arguments({"/sbin/iptables", "--policy", "INPUT", target});
+    return TLIBCExecv(arguments.path(), arguments.get(), /*wait=*/1);
+  };
+  files::write(kTool, "exit 0\n");
+  EXPECT_EQ(0, policy("DROP"));
+  EXPECT_EQ("100600 1 links, owner 0", statusOf("/run/tarn/closed_policy.iptables.INPUT"));
+  EXPECT_EQ(0, policy("ACCEPT"));
+  EXPECT_EQ("", files::listing("/run/tarn"));
+  EXPECT_EQ(0, policy("DROP"));
+  files::write(kTool, "kill -KILL $$\n");
+  EXPECT_EQ(-1, policy("ACCEPT"));
+  EXPECT_EQ("closed_policy.iptables.INPUT", files::listing("/run/tarn"))
+      << "it may still be closed";
+  (void)trace::take();
+}
+
 // --- runs that are repeated ---
 
 struct RepeatRow {
