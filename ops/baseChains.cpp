@@ -16,23 +16,27 @@ constexpr char kLockFile[] = "/run/tarn/base_chains.lock";
 // Other programs change the tables without our lock: look again this often when a command failed.
 constexpr int kAttempts = 3;
 
-// A rule that FIREWALL_RELOADING always has, and the form "-S" prints it in.
+// A rule that FIREWALL_RELOADING always has, and the forms in which the tools print it: the state
+// match is a name of the conntrack match.
 struct PermanentRule {
   std::vector<std::string> words;
-  const char* printed;
+  std::vector<std::string> printed;
 };
 
 const std::vector<PermanentRule>& permanentRules() {
   static const std::vector<PermanentRule> kRules = {
-      {{"-i", "lo", "-j", "ACCEPT"}, "-A FIREWALL_RELOADING -i lo -j ACCEPT"},
+      {{"-i", "lo", "-j", "ACCEPT"}, {"-A FIREWALL_RELOADING -i lo -j ACCEPT"}},
       {{"-m", "state", "--state", "INVALID", "-j", "RETURN"},
-       "-A FIREWALL_RELOADING -m state --state INVALID -j RETURN"}};
+       {"-A FIREWALL_RELOADING -m state --state INVALID -j RETURN",
+        "-A FIREWALL_RELOADING -m conntrack --ctstate INVALID -j RETURN"}}};
   return kRules;
 }
 
-// The number of the first rule `rule` in `rules`, counted from 1; 0 when there is none.
-std::size_t positionOf(const std::vector<std::string>& rules, const std::string& rule) {
-  const auto found = std::find(rules.begin(), rules.end(), rule);
+// The number of the first rule in `rules` that is one of `forms`, counted from 1; 0 when there is
+// none.
+std::size_t positionOf(const std::vector<std::string>& rules,
+                       const std::vector<std::string>& forms) {
+  const auto found = std::find_first_of(rules.begin(), rules.end(), forms.begin(), forms.end());
   return found == rules.end() ? 0 : static_cast<std::size_t>(found - rules.begin()) + 1;
 }
 
@@ -76,8 +80,8 @@ void addPermanentRules(const LiveRules& live, Commands& commands) {
 void addJumps(const LiveRules& live, const GuardedChain& chain, Commands& commands) {
   const std::vector<std::string>& present = live.rules(chain.builtIn);
   const std::string jump = std::string("-A ") + chain.builtIn + " -j ";
-  const std::size_t firewall = positionOf(present, jump + chain.firewallChain);
-  const std::size_t reloading = positionOf(present, jump + kReloadingChain);
+  const std::size_t firewall = positionOf(present, {jump + chain.firewallChain});
+  const std::size_t reloading = positionOf(present, {jump + kReloadingChain});
 
   if (reloading == 0 || (firewall != 0 && firewall < reloading)) {
     if (reloading != 0) commands.add({"-D", chain.builtIn, "-j", kReloadingChain});

@@ -1,5 +1,7 @@
 #include "lifecycle.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -9,6 +11,7 @@
 #include <json/value.h>
 
 #include "executionLock.h"
+#include "memoryFile.h"
 #include "runApart.h"
 #include "settings.h"
 #include "tarnfirewall.h"
@@ -51,8 +54,8 @@ void add(Recovery& recovery, const Recovery& more) {
   }
 }
 
-// Before the worker: leaves no mark behind, and the open policies on record.
-bool prepare(bool needsChains, Supervised& outcome) {
+// Before the worker: leaves no mark behind, and answers which policies are open.
+bool prepare(bool needsChains, std::vector<std::string>& open, Supervised& outcome) {
   const ExecutionLock lock;
   if (!lock.held()) {
     outcome.verdict = Supervised::Verdict::kBusy;
@@ -70,9 +73,7 @@ bool prepare(bool needsChains, Supervised& outcome) {
       return failBecause(outcome, missingWords(missing));
     }
   }
-  if (!writeOpenPolicies(openPolicies(filter))) {
-    return failBecause(outcome, "the open policies could not be recorded");
-  }
+  open = openPolicies(filter);
   return true;
 }
 
@@ -85,9 +86,7 @@ Recovery recoverUnderLock() {
     recovery.errors.emplace_back(kBusy);
     return recovery;
   }
-  recovery = recover(filter);
-  if (recovery.errors.empty()) forgetOpenPolicies();
-  return recovery;
+  return recover(filter);
 }
 
 Json::Value toJson(const Recovery& recovery) {
@@ -134,23 +133,53 @@ Json::Value work(const std::function<bool()>& operation) {
   return result;
 }
 
-// The worker: what it leaves closed, it opens itself, as its caller may be gone.
-Json::Value workAndOpen(bool checked, const std::function<bool()>& operation) {
-  Json::Value result = work(operation);
-  if (checked || !result["done"].asBool() || result["refusals"]["count"].asInt() > 0) {
-    result["recovery"] = toJson(recoverUnderLock());
-  } else {
-    forgetOpenPolicies();
+// Did the library give up waiting for the execution lock? Its log goes to standard error, which a
+// worker's caller collects in a file.
+bool lockTimedOut() {
+  (void)std::fflush(stderr);
+  return contains(linesOf(contents(Descriptor(dup(STDERR_FILENO)))), kLockTimeout);
+}
+
+// The worker: what it leaves closed, it opens itself, as its caller may be gone. An operation that
+// did not get the lock has closed nothing.
+Json::Value workAndOpen(const std::vector<std::string>& open, bool checked,
+                        const std::function<bool()>& operation) {
+  if (!checked && !writeOpenPolicies(open)) {
+    Json::Value result(Json::objectValue);
+    result["thrown"] = "the open policies could not be recorded";
+    return result;
   }
+  Json::Value result = work(operation);
+  const bool smooth = result["done"].asBool() && result["refusals"]["count"].asInt() == 0;
+  result["busy"] = !result["done"].asBool() && lockTimedOut();
+  if (checked || (!smooth && !result["busy"].asBool())) {
+    const Recovery recovery = recoverUnderLock();
+    result["recovery"] = toJson(recovery);
+    if (!recovery.errors.empty()) return result;  // the record is still needed
+  }
+  forgetOpenPolicies();
   return result;
 }
 
-bool tellsOf(const std::string& message, const Refusals& refusals) {
-  if (message.find(kPlatformModule) == std::string::npos) return false;
-  for (const Refusal& refusal : refusals.first) {
-    if (message.find(refusal.command) != std::string::npos) return true;
+// The log tells of refused commands in the order in which the report has them.
+std::vector<std::string> withoutRefused(const std::vector<std::string>& messages,
+                                        const std::vector<Refusal>& refused) {
+  std::vector<std::string> others;
+  auto next = refused.begin();
+  for (const std::string& message : messages) {
+    auto told = refused.end();
+    if (message.find(kPlatformModule) != std::string::npos) {
+      told = std::find_if(next, refused.end(), [&message](const Refusal& refusal) {
+        return message.find(refusal.command) != std::string::npos;
+      });
+    }
+    if (told == refused.end()) {
+      others.push_back(message);
+    } else {
+      next = told + 1;
+    }
   }
-  return false;
+  return others;
 }
 
 std::string endOf(const Ended& ended) {
@@ -172,7 +201,6 @@ Recovery openAfter(const Ended& ended) {
   recovery = recover(filter);
   if (ended.process > 0) waitForSession(ended.process);
   add(recovery, recover(filter));
-  if (recovery.errors.empty()) forgetOpenPolicies();
   return recovery;
 }
 
@@ -192,13 +220,11 @@ void reportDeath(const Ended& ended, Supervised& outcome) {
 void judge(const Ended& ended, bool checked, Supervised& outcome) {
   outcome.refusals = refusalsFromJson(ended.result["refusals"]);
   add(outcome.recovery, recoveryFromJson(ended.result["recovery"]));
-  for (const std::string& message : ended.messages) {
-    if (!tellsOf(message, outcome.refusals)) outcome.messages.push_back(message);
-  }
+  outcome.messages = withoutRefused(ended.messages, outcome.refusals.first);
   const std::string thrown = ended.result["thrown"].asString() + ended.exception;
   if (!thrown.empty()) {
     (void)failBecause(outcome, thrown);
-  } else if (contains(ended.messages, kLockTimeout)) {
+  } else if (ended.result["busy"].asBool()) {
     outcome.verdict = Supervised::Verdict::kBusy;
     outcome.reason = kBusy;
   } else if (!ended.result["done"].asBool()) {
@@ -217,6 +243,18 @@ bool enabledNow() {
   Settings settings;
   std::string reason;
   return readSettings(settings, reason) && settings.enabled;
+}
+
+std::string activeNow() {
+  Settings settings;
+  std::string reason;
+  (void)readSettings(settings, reason);  // an unreadable one has no name
+  return settings.profile;
+}
+
+// May something be on record although the operation failed?
+bool recordsInSpiteOf(const Supervised& outcome) {
+  return outcome.begun && outcome.verdict != Supervised::Verdict::kDone;
 }
 
 bool hasRules(const LiveFilter& filter) {
@@ -249,10 +287,12 @@ bool disableAndStayEmpty() {
 
 Supervised supervise(const Supervision& supervision, const std::function<bool()>& operation) {
   Supervised outcome;
-  if (!prepare(supervision.needsChains, outcome)) return outcome;
+  std::vector<std::string> open;
+  if (!prepare(supervision.needsChains, open, outcome)) return outcome;
   const IgnoredSignals ignored;
-  const Ended ended =
-      runApart(Signals::kKeptOff, [&] { return workAndOpen(supervision.checked, operation); });
+  outcome.begun = true;
+  const Ended ended = runApart(Signals::kKeptOff,
+                               [&] { return workAndOpen(open, supervision.checked, operation); });
   if (ended.finished) {
     judge(ended, supervision.checked, outcome);
   } else {
@@ -263,7 +303,10 @@ Supervised supervise(const Supervision& supervision, const std::function<bool()>
 }
 
 Supervised enableFirewall() {
-  return supervise({}, [] { return FW::TARNFW().fwEnable(); });
+  Supervised outcome = supervise({}, [] { return FW::TARNFW().fwEnable(); });
+  if (recordsInSpiteOf(outcome) && enabledNow())
+    outcome.reason += "; the firewall is recorded as on";
+  return outcome;
 }
 
 Supervised reloadFirewall() {
@@ -272,8 +315,13 @@ Supervised reloadFirewall() {
 }
 
 Supervised useProfile(const std::string& name) {
-  return supervise({/*needsChains=*/enabledNow(), /*checked=*/false},
-                   [&name] { return FW::TARNFW().fwProfileConfigSet(name, /*reload=*/true); });
+  Supervised outcome = supervise({/*needsChains=*/enabledNow(), /*checked=*/false}, [&name] {
+    return FW::TARNFW().fwProfileConfigSet(name, /*reload=*/true);
+  });
+  if (recordsInSpiteOf(outcome) && activeNow() == name) {
+    outcome.reason += "; '" + name + "' is the active profile now";
+  }
+  return outcome;
 }
 
 Supervised disableFirewall() {

@@ -10,7 +10,7 @@
 namespace ops {
 namespace {
 
-constexpr std::size_t kReadLimit = std::size_t{16} * 1024 * 1024;  // bytes
+constexpr std::size_t kReadLimit = std::size_t{64} * 1024 * 1024;  // bytes
 
 }  // namespace
 

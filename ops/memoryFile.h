@@ -16,7 +16,7 @@ using tarnrun::Descriptor;
 // for it.
 Descriptor memoryFile(const char* label);
 
-// What was written to a file so far, from its start; cut after 16 MiB.
+// What was written to a file so far, from its start; cut after 64 MiB.
 std::string contents(const Descriptor& file);
 
 // The lines of a text, without their line feeds.

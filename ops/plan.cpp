@@ -3,6 +3,7 @@
 #include "constants.h"
 #include "jsonText.h"
 #include "memoryFile.h"
+#include "printable.h"
 #include "tarnfirewall.h"
 #include "textDiff.h"
 
@@ -26,10 +27,10 @@ std::vector<std::string> documentLines(const Json::Value& document) {
 }
 
 std::string describeChange(const Json::Value& step) {
-  std::string text = step["do"].asString() + " " + step["file"].asString();
+  std::string text = step["do"].asString() + " " + printable(step["file"].asString());
   for (const std::string& line :
        differences(documentLines(step["before"]), documentLines(step["after"]))) {
-    text += "\n    " + line;
+    text += "\n    " + printable(line);
   }
   return text;
 }
@@ -40,16 +41,20 @@ std::string describeModules(const Json::Value& step) {
   return text + " for " + step["service"].asString();
 }
 
-std::string describe(const Json::Value& step) {
+// What a step of another kind than a change of a document is, on one line.
+std::string describeAction(const Json::Value& step) {
   const std::string kind = step["do"].asString();
   if (kind == "run") return "run " + step["command"].asString();
   if (kind == "hook") return "hook " + step["name"].asString() + " " + step["when"].asString();
   if (kind == "load" || kind == "unload") return describeModules(step);
-  if (kind == "set") {
-    return "set " + step["key"].asString() + " " + step["value"].asString() + " in " +
-           step["file"].asString();
-  }
-  return describeChange(step);
+  return "set " + step["key"].asString() + " " + step["value"].asString() + " in " +
+         step["file"].asString();
+}
+
+std::string describe(const Json::Value& step) {
+  const std::string kind = step["do"].asString();
+  const bool changes = kind == "write" || kind == "remove";
+  return changes ? describeChange(step) : printable(describeAction(step));
 }
 
 Json::Value modulesStep(const char* what, const std::string& service,

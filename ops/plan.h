@@ -33,7 +33,8 @@ class Plan {
 
   void add(const Plan& more);
   const Json::Value& steps() const { return steps_; }
-  // One step a line; the differences of a document follow their step, indented.
+  // One step a line; the differences of a document follow their step, indented. Control characters
+  // are escaped.
   std::string text() const;
 
  private:

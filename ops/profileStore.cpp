@@ -89,8 +89,9 @@ Json::Value changesBetween(const Files& before, const Files& after) {
   return changes;
 }
 
-// In a process of its own. {"done": bool, "changes": [...]} or {"reason": text}.
-Json::Value rehearseOnCopy(const std::function<bool()>& change) {
+// In a process of its own. {"done": bool, "changes": [...], "seen": value} or {"reason": text}.
+Json::Value rehearseOnCopy(const std::function<bool()>& change,
+                           const std::function<Json::Value()>& look) {
   Json::Value answer(Json::objectValue);
   const Files before = readFiles();
   if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
@@ -101,6 +102,7 @@ Json::Value rehearseOnCopy(const std::function<bool()>& change) {
   }
   answer["done"] = change();
   answer["changes"] = changesBetween(before, readFiles());
+  if (look && answer["done"].asBool()) answer["seen"] = look();
   return answer;
 }
 
@@ -137,8 +139,8 @@ Seed seedProfile() {
   return seed;
 }
 
-Rehearsal rehearse(const std::function<bool()>& change) {
-  const Ended ended = runApart(Signals::kShared, [&change] { return rehearseOnCopy(change); });
+Rehearsal rehearse(const std::function<bool()>& change, const std::function<Json::Value()>& look) {
+  const Ended ended = runApart(Signals::kShared, [&] { return rehearseOnCopy(change, look); });
   Rehearsal rehearsal;
   rehearsal.messages = ended.messages;
   if (!ended.finished || !ended.result.isMember("done")) {
@@ -149,6 +151,7 @@ Rehearsal rehearse(const std::function<bool()>& change) {
   }
   rehearsal.rehearsed = true;
   rehearsal.done = ended.result["done"].asBool();
+  rehearsal.seen = ended.result["seen"];
   for (const Json::Value& entry : ended.result["changes"]) {
     rehearsal.changes.push_back({entry["file"].asString(), entry["before"], entry["after"]});
   }

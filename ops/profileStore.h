@@ -40,18 +40,22 @@ struct DocumentChange {
 // How a rehearsal ended.
 //   rehearsed  false: there was no rehearsal, `reason` says why
 //   done       what `change` answered
-//   messages   what it logged
+//   seen       what `look` answered
+//   messages   what was logged
 struct Rehearsal {
   bool rehearsed = false;
   std::string reason;
   bool done = false;
   std::vector<DocumentChange> changes;
+  Json::Value seen;
   std::vector<std::string> messages;
 };
 
 // Runs `change` in a process that has a copy of the profile directory and of the locks to itself,
-// and tells what it did to the documents. The real ones are not touched.
-Rehearsal rehearse(const std::function<bool()>& change);
+// and tells what it did to the documents. The real ones are not touched. When `change` has
+// succeeded, `look` may look at the changed copy.
+Rehearsal rehearse(const std::function<bool()>& change,
+                   const std::function<Json::Value()>& look = nullptr);
 
 }  // namespace ops
 

@@ -3,21 +3,97 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <exception>
+#include <filesystem>
+#include <fstream>
 #include <iterator>
+#include <optional>
+#include <regex>
+#include <set>
 #include <sstream>
+#include <system_error>
 
 #include <json/value.h>
 
+#include "jsonText.h"
+#include "linux/closedPolicies.h"
+#include "processes.h"
 #include "runtimeFiles.h"
-#include "tarnfirewall.h"
 
 namespace ops {
 namespace {
 
-constexpr char kRecord[] = "/run/tarn/open_policies.json";
+// The record of a worker that counts.
+//   done  nobody is left who could close a policy on the worker's behalf
+struct Record {
+  std::string file;
+  std::vector<std::string> policies;
+  bool done = false;
+};
+
+std::string recordOf(const ProcessId& worker) {
+  return std::string(kRuntimeDirectory) + "/open_policies." + std::to_string(worker.number) + "." +
+         std::to_string(worker.start) + ".json";
+}
+
+// The worker in whose name a record is; none when the file is no record.
+std::optional<ProcessId> workerOf(const std::filesystem::path& file) {
+  static const std::regex kForm(R"(open_policies\.([0-9]{1,9})\.([0-9]{1,18})\.json)");
+  std::smatch parts;
+  const std::string name = file.filename();
+  if (!std::regex_match(name, parts, kForm)) return std::nullopt;
+  return ProcessId{static_cast<pid_t>(std::stol(parts[1])), std::stoull(parts[2])};
+}
+
+// A damaged record names nothing.
+std::vector<std::string> policiesIn(const std::string& file) {
+  std::vector<std::string> policies;
+  std::ifstream stream(file, std::ios::binary);
+  const std::string text(std::istreambuf_iterator<char>(stream), {});
+  Json::Value record;
+  try {
+    if (!parseJson(text, record) || !record.isArray()) return policies;
+  } catch (const std::exception&) {  // nested too deeply
+    return policies;
+  }
+  for (const Json::Value& policy : record) {
+    if (policy.isString()) policies.push_back(policy.asString());
+  }
+  return policies;
+}
+
+// The records that count. A worker leads the session of its tools.
+std::vector<Record> readRecords() {
+  std::vector<Record> records;
+  const ProcessId own = ownProcess();
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(kRuntimeDirectory, error)) {
+    const std::optional<ProcessId> worker = workerOf(entry.path());
+    if (!worker) continue;
+    const bool ours = worker->number == own.number && worker->start == own.start;
+    if (!ours && lives(*worker)) continue;
+    const bool done = ours || !anyoneIn(worker->number);
+    records.push_back({entry.path(), policiesIn(entry.path()), done});
+  }
+  return records;
+}
 
 std::string policyName(Family family, const char* chain) {
   return std::string(keyOf(family)) + " " + chain;
+}
+
+// Whose policies are ours to open: what the records name, and what the platform has noted.
+std::vector<std::string> policiesOf(const std::vector<Record>& records) {
+  std::set<std::string> all;
+  for (const Record& record : records) all.insert(record.policies.begin(), record.policies.end());
+  for (const Family family : kFamilies) {
+    for (const GuardedChain& chain : kGuardedChains) {
+      if (tarnrun::isNotedAsClosed(toolOf(family), chain.builtIn)) {
+        all.insert(policyName(family, chain.builtIn));
+      }
+    }
+  }
+  return {all.begin(), all.end()};
 }
 
 bool isOpen(const LiveRules& rules, const char* chain) {
@@ -33,10 +109,10 @@ std::vector<std::string> deletionOf(const std::string& rule) {
   return words;
 }
 
-Recovery planFor(const LiveFilter& filter) {
+Recovery planFor(const LiveFilter& filter, const std::vector<std::string>& record) {
   Recovery plan;
   plan.marks = filter.marks();
-  plan.commands = recoveryCommands(filter, recordedOpenPolicies());
+  plan.commands = recoveryCommands(filter, record);
   return plan;
 }
 
@@ -78,44 +154,54 @@ std::vector<std::string> openPolicies(const LiveFilter& filter) {
 bool writeOpenPolicies(const std::vector<std::string>& policies) {
   Json::Value record(Json::arrayValue);
   for (const std::string& policy : policies) record.append(policy);
-  return makeRuntimeDirectory() && jsonFileDump(record, kRecord);
-}
-
-std::vector<std::string> recordedOpenPolicies() {
-  std::vector<std::string> policies;
-  Json::Value record;
-  if (access(kRecord, F_OK) != 0 || !jsonFileLoad(record, kRecord)) return policies;
-  if (!record.isArray()) return policies;
-  for (const Json::Value& policy : record) {
-    if (policy.isString()) policies.push_back(policy.asString());
-  }
-  return policies;
+  if (!makeRuntimeDirectory()) return false;
+  // Nobody else writes it, and one that is cut short by our end names nothing that we have closed.
+  std::ofstream stream(recordOf(ownProcess()), std::ios::binary);
+  stream << compactJson(record);
+  stream.close();
+  return static_cast<bool>(stream);
 }
 
 void forgetOpenPolicies() {
-  (void)unlink(kRecord);  // mostly there is none
+  (void)unlink(recordOf(ownProcess()).c_str());  // often there is none
 }
+
+std::vector<std::string> recordedOpenPolicies() { return policiesOf(readRecords()); }
 
 Recovery recover(LiveFilter& filter) {
   std::string reason;
   Recovery recovery;
+  // Who is left is asked before the tables are read: a tool that ends in between has closed its
+  // policy after that, and its worker's record is still needed.
+  const std::vector<Record> records = readRecords();
   if (!readFilter(filter, reason)) {
     recovery.errors.push_back(reason);
     return recovery;
   }
-  recovery = planFor(filter);
+  recovery = planFor(filter, policiesOf(records));
   for (const Command& command : recovery.commands) {
     const ToolRun result = run(command);
     if (result.status != 0) recovery.errors.push_back(command.text() + ": " + result.words());
   }
   if (!recovery.commands.empty() && !readFilter(filter, reason)) recovery.errors.push_back(reason);
+  if (!recovery.errors.empty()) return recovery;
+  for (const Record& record : records) {
+    if (record.done) (void)unlink(record.file.c_str());
+  }
+  for (const Family family : kFamilies) {
+    for (const GuardedChain& chain : kGuardedChains) {
+      if (isOpen(filter.of(family), chain.builtIn)) {
+        tarnrun::forgetOldNote(toolOf(family), chain.builtIn);
+      }
+    }
+  }
   return recovery;
 }
 
 Recovery planRecovery() {
   std::string reason;
   LiveFilter filter;
-  if (readFilter(filter, reason)) return planFor(filter);
+  if (readFilter(filter, reason)) return planFor(filter, recordedOpenPolicies());
   Recovery plan;
   plan.errors.push_back(reason);
   return plan;

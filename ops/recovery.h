@@ -4,8 +4,21 @@
 // the mark in place.
 //
 // DROP policies without a mark are somebody else's and stay. The one moment in which a killed
-// reload has closed a policy and set no mark yet is covered for the reloads that lifecycle.h
-// starts: it records in /run/tarn/open_policies.json which policies were open before.
+// reload has closed a policy and set no mark yet is covered by what the platform notes of each
+// policy that it has closed (linux/closedPolicies.h), whatever program the reload ran in. For the
+// reloads that lifecycle.h starts there is, on any platform, the record that each worker keeps:
+// which policies were open before it,
+// /run/tarn/open_policies.PID.START.json, named after the worker's process. It holds at any time:
+//
+//   - Who has closed a policy has a record, or holds the execution lock and lives.
+//   - A record is written before its worker closes a policy, and removed by the worker when it has
+//     opened them again, or did not get the lock and so closed none. It outlives a worker that is
+//     killed, or that cannot tell.
+//   - So to one who holds the execution lock, the records of dead workers and its own tell whose a
+//     DROP policy is. A living worker without the lock has closed nothing; its record does not
+//     count and is not touched.
+//   - The record of a dead worker goes when the policies are open and no tool that the worker has
+//     left behind can close one any more.
 
 #ifndef TARNFW_OPS_RECOVERY_H
 #define TARNFW_OPS_RECOVERY_H
@@ -38,14 +51,17 @@ std::vector<Command> recoveryCommands(const LiveFilter& filter,
 // The built-in policies of `filter` that are ACCEPT: "v4 INPUT", "v6 FORWARD".
 std::vector<std::string> openPolicies(const LiveFilter& filter);
 
-// The record: written before a supervised reload, removed after it.
+// The record of the calling process, the worker: written before its reload, removed after it.
 bool writeOpenPolicies(const std::vector<std::string>& policies);
-std::vector<std::string> recordedOpenPolicies();
 void forgetOpenPolicies();
 
+// What the records that count name, to one who holds the execution lock, and the policies that the
+// platform has noted as closed by us.
+std::vector<std::string> recordedOpenPolicies();
+
 // Looks, and undoes what is to be undone. The caller holds the execution lock, as a reload that
-// lives does for as long as its mark is there, and forgets the record when no tool of the killed
-// reload can run any more.
+// lives does for as long as its mark is there. After success, the records that are done with are
+// gone.
 //   filter  what the filter tables hold afterwards
 Recovery recover(LiveFilter& filter);
 

@@ -9,17 +9,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <optional>
-#include <sstream>
 #include <string>
-#include <system_error>
 #include <thread>
 
 #include "jsonText.h"
 #include "memoryFile.h"
+#include "processes.h"
 
 namespace ops {
 namespace {
@@ -68,30 +64,6 @@ std::optional<int> waitForEnd(pid_t child) {
     ended = waitpid(child, &status, 0);
   } while (ended < 0 && errno == EINTR);
   return ended == child ? std::optional<int>(status) : std::nullopt;
-}
-
-// A zombie has ended: it waits for whoever collects it.
-bool livesIn(pid_t session, const std::filesystem::path& process) {
-  std::ifstream stat(process / "stat");
-  std::string text(std::istreambuf_iterator<char>(stat), {});
-  const std::size_t name = text.rfind(')');  // the name may have blanks and brackets of its own
-  if (name == std::string::npos) return false;
-  std::istringstream fields(text.substr(name + 1));
-  char state = 0;
-  pid_t parent = 0;
-  pid_t group = 0;
-  pid_t leader = 0;
-  fields >> state >> parent >> group >> leader;
-  return leader == session && state != 'Z' && state != 'X';
-}
-
-bool anyoneIn(pid_t session) {
-  std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
-    const char first = entry.path().filename().string().front();
-    if (first >= '0' && first <= '9' && livesIn(session, entry.path())) return true;
-  }
-  return false;
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The platform looks services up by name and does not list names. They are the member names of the
-// documents that its database is made of: the shipped table and the drop-ins.
+// documents that its database is made of: the shipped table and the drop-ins, those that begin with
+// a dot left out.
 
 #include "serviceTable.h"
 
@@ -25,7 +26,8 @@ std::vector<std::string> documents() {
   std::vector<std::string> paths = {kTable};
   std::error_code error;
   for (const auto& entry : std::filesystem::directory_iterator(kDropIns, error)) {
-    if (entry.path().extension() == ".json") paths.push_back(entry.path());
+    const std::string name = entry.path().filename();
+    if (name.front() != '.' && entry.path().extension() == ".json") paths.push_back(entry.path());
   }
   std::sort(paths.begin() + 1, paths.end());
   return paths;

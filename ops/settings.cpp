@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <exception>
+#include <functional>
 
 #include <json/value.h>
 
@@ -11,25 +12,45 @@
 
 namespace ops {
 
+namespace {
+
+// The words of the first exception are put in `words`: of a member of another type, of a lock file
+// that does not open.
+bool reads(const std::function<bool()>& read, std::string& words) {
+  try {
+    return read();
+  } catch (const std::exception& exception) {
+    if (words.empty()) words = std::string(": ") + exception.what();
+    return false;
+  }
+}
+
+Settings defaultSettings() {
+  Json::Value defaults;
+  (void)FW::TARNFW().initJconfig(defaults);  // fills in two members, nothing that can fail
+  return {defaults["status"].asBool(), defaults["profile"].asString(), /*knowsEnabled=*/true,
+          /*knowsProfile=*/true};
+}
+
+}  // namespace
+
 const char* settingsFile() { return FW::kSettingsFile; }
 
 bool readSettings(Settings& settings, std::string& reason) {
-  FW::TARNFW firewall;
-  reason = std::string(FW::kSettingsFile) + " cannot be read";
-  try {
-    if (access(FW::kSettingsFile, F_OK) == 0) {
-      return firewall.fwStatus(settings.enabled) && firewall.fwProfileConfigGet(settings.profile);
-    }
-  } catch (const std::exception&
-               exception) {  // a member of another type, a lock file that does not open
-    reason += std::string(": ") + exception.what();
-    return false;
+  settings = {};
+  if (access(FW::kSettingsFile, F_OK) != 0) {
+    settings = defaultSettings();
+    return true;
   }
-  Json::Value defaults;
-  (void)firewall.initJconfig(defaults);  // fills in two members, nothing that can fail
-  settings.enabled = defaults["status"].asBool();
-  settings.profile = defaults["profile"].asString();
-  return true;
+  std::string words;
+  settings.knowsEnabled = reads([&] { return FW::TARNFW().fwStatus(settings.enabled); }, words);
+  // A document that cannot be read at all need not be read, and complained of, a second time.
+  if (settings.knowsEnabled || !words.empty()) {
+    settings.knowsProfile =
+        reads([&] { return FW::TARNFW().fwProfileConfigGet(settings.profile); }, words);
+  }
+  reason = std::string(FW::kSettingsFile) + " cannot be read" + words;
+  return settings.knowsEnabled && settings.knowsProfile;
 }
 
 }  // namespace ops

@@ -7,16 +7,23 @@
 
 namespace ops {
 
+// The settings.
+//   profile       the active one
+//   knowsEnabled  `enabled` is what the document says, or what holds when there is none
+//   knowsProfile  likewise `profile`
 struct Settings {
   bool enabled = false;
-  std::string profile;  // the active one
+  std::string profile;
+  bool knowsEnabled = false;
+  bool knowsProfile = false;
 };
 
 // The settings document.
 const char* settingsFile();
 
 // Fills `settings`, from the defaults when there is no settings document. False with the reason
-// when the document cannot be read or names no profile.
+// when the document cannot be read, names no profile or has a member of another type; what can be
+// told all the same is filled in.
 bool readSettings(Settings& settings, std::string& reason);
 
 }  // namespace ops

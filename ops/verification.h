@@ -6,6 +6,7 @@
 #ifndef TARNFW_OPS_VERIFICATION_H
 #define TARNFW_OPS_VERIFICATION_H
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -15,11 +16,14 @@ namespace ops {
 
 // The outcome of a comparison.
 //   compared     false: it could not be made, `reason` says why
+//   leftOut      how many lines were not compared, because they have a host name: what it stands
+//                for may have changed, and is not known in the other namespace
 //   differences  "-" + rule that is missing, "+" + rule that is surplus; a rule starts with its
 //                tool
 struct Verification {
   bool compared = false;
   std::string reason;
+  std::size_t leftOut = 0;
   std::vector<std::string> differences;
 };
 

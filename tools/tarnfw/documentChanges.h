@@ -17,6 +17,11 @@ std::string quoted(const std::string& name);
 Answer changeDocuments(const Request& request, const std::function<bool()>& change,
                        const std::string& failure);
 
+// The --dry-run of a change that loads a profile afterwards: what it does to the documents, and how
+// the profile `loaded` is loaded then.
+Answer planChangeAndLoad(const std::function<bool()>& change, const std::string& failure,
+                         const std::string& loaded);
+
 }  // namespace tarnfw
 
 #endif

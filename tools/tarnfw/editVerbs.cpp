@@ -17,23 +17,51 @@
 namespace tarnfw {
 namespace {
 
-// Carries out an edit that reloads when it is told to. The reload runs where nothing can stop it
+constexpr char kFailure[] = "not every profile was changed";
+
+// An edit of every profile.
+//   run           carries it out, and loads the active profile when it is told to and has to
+//   whyNotLoaded  why it does not have to, in one sentence; empty when it has
+struct Edit {
+  std::function<bool(bool reload)> run;
+  std::function<std::string(const std::string& active)> whyNotLoaded;
+};
+
+// Carries out an edit that loads the active profile. The reload runs where nothing can stop it
 // half-way.
-Answer editProfiles(const Request& request, const std::function<bool(bool reload)>& edit,
-                    const std::string& failure) {
-  const bool reloads = request.has("--reload");
+Answer editAndLoad(const Edit& edit) {
+  ops::Supervised outcome = ops::supervise({}, [&edit] { return edit.run(/*reload=*/true); });
+  if (outcome.begun && outcome.verdict == ops::Supervised::Verdict::kBusy) {
+    outcome.reason += "; the profiles are changed already";  // the lock is asked for after that
+  }
+  return supervisedAnswer(outcome);
+}
+
+// Carries out an edit that loads the active profile when that was asked for, the firewall is on and
+// the edit has changed what is loaded.
+Answer editProfiles(const Request& request, const Edit& edit) {
+  const auto change = [&edit] { return edit.run(/*reload=*/false); };
+  if (!request.has("--reload")) return changeDocuments(request, change, kFailure);
   ops::Settings settings;
   std::string reason;
-  if (reloads && !ops::readSettings(settings, reason)) return failed(reason);
-  if (reloads && settings.enabled && !request.dryRun) {
-    return supervisedAnswer(ops::supervise({}, [&edit] { return edit(/*reload=*/true); }));
+  if (!ops::readSettings(settings, reason)) return failed(reason);
+  const std::string whyNot = settings.enabled ? edit.whyNotLoaded(settings.profile)
+                                              : "the firewall is off, nothing is loaded";
+  if (whyNot.empty()) {
+    return request.dryRun ? planChangeAndLoad(change, kFailure, settings.profile)
+                          : editAndLoad(edit);
   }
-  Answer answer = changeDocuments(
-      request, [&edit] { return edit(/*reload=*/false); }, failure);
-  if (!reloads || !answer.error.empty()) return answer;
-  answer.notes.emplace_back(settings.enabled ? "the active profile would be loaded"
-                                             : "the firewall is off, nothing is loaded");
+  Answer answer = changeDocuments(request, change, kFailure);
+  if (answer.error.empty()) answer.remark(whyNot);
   return answer;
+}
+
+// The library counts an entry among the policies alone as a change of the active profile.
+std::string whyRenamingLoadsNothing(const std::string& active, const std::string& adapter) {
+  FW::FWPROFILE profile;
+  if (!FW::TARNFW_JSON_DB().profileGet(active, profile)) return {};  // the edit says so
+  if (profile.adapterPolicyMap.count(adapter) != 0) return {};
+  return "the active profile has no policy for " + quoted(adapter) + ", nothing is loaded";
 }
 
 // A service that the table does not have gives a rule without ports, and so no line.
@@ -44,7 +72,7 @@ void warnOfUnknownService(const std::string& name, Answer& answer) {
   const bool known = std::any_of(services.begin(), services.end(), [&name](const auto& service) {
     return service.name == name && service.available;
   });
-  if (!known) answer.notes.push_back("warning: there is no service " + quoted(name));
+  if (!known) answer.remark("warning: there is no service " + quoted(name));
 }
 
 // Rules that the new name has are lost.
@@ -54,9 +82,8 @@ void warnOfLostRules(const std::string& from, const std::string& to, Answer& ans
   for (const auto& [name, profile] : profiles) {
     const auto lost = profile.rules.find(to);
     if (profile.rules.count(from) == 0 || lost == profile.rules.end()) continue;
-    answer.notes.push_back("warning: profile " + quoted(name) + ": " +
-                           std::to_string(lost->second.size()) + " rule(s) of " + quoted(to) +
-                           " are replaced");
+    answer.remark("warning: profile " + quoted(name) + ": " + std::to_string(lost->second.size()) +
+                  " rule(s) of " + quoted(to) + " are replaced");
   }
 }
 
@@ -78,21 +105,19 @@ Answer serviceReserve(const Request& request) {
   const FW::FW_POLICY policy = request.has("--allow") ? FW::FW_POLICY_ALLOW : FW::FW_POLICY_DENY;
   Answer warnings;
   warnOfUnknownService(service, warnings);
-  return withWarnings(warnings, editProfiles(
-                                    request,
-                                    [&](bool reload) {
-                                      return FW::TARNFW_PROFILE().profileAddServToReserve(
-                                          adapter, service, policy, reload);
-                                    },
-                                    "not every profile was changed"));
+  const Edit edit = {[&](bool reload) {
+                       return FW::TARNFW_PROFILE().profileAddServToReserve(adapter, service, policy,
+                                                                           reload);
+                     },
+                     [](const std::string&) { return std::string(); }};
+  return withWarnings(warnings, editProfiles(request, edit));
 }
 
 Answer serviceRemove(const Request& request) {
   const std::string& service = request.value("NAME");
   if (service.empty()) return emptyName("the service's name");
   return changeDocuments(
-      request, [&service] { return FW::TARNFW_PROFILE().profileRemoveServ(service); },
-      "not every profile was changed");
+      request, [&service] { return FW::TARNFW_PROFILE().profileRemoveServ(service); }, kFailure);
 }
 
 Answer adapterRename(const Request& request) {
@@ -104,12 +129,10 @@ Answer adapterRename(const Request& request) {
   }
   Answer warnings;
   warnOfLostRules(from, to, warnings);
-  return withWarnings(
-      warnings,
-      editProfiles(
-          request,
-          [&](bool reload) { return FW::TARNFW_PROFILE().profileChangeAdapter(from, to, reload); },
-          "not every profile was changed"));
+  const Edit edit = {
+      [&](bool reload) { return FW::TARNFW_PROFILE().profileChangeAdapter(from, to, reload); },
+      [&from](const std::string& active) { return whyRenamingLoadsNothing(active, from); }};
+  return withWarnings(warnings, editProfiles(request, edit));
 }
 
 }  // namespace tarnfw

@@ -25,34 +25,27 @@ Json::Value commandTexts(const std::vector<ops::Command>& commands) {
 }
 
 void noteCommands(const std::vector<ops::Command>& commands, Answer& answer) {
-  for (const ops::Command& command : commands) answer.notes.push_back("ran " + command.text());
+  for (const ops::Command& command : commands) answer.remark("ran " + command.text());
 }
 
 void addRefusals(const ops::Refusals& refusals, Answer& answer) {
   answer.document["refused"] = ops::toJson(refusals)["first"];
   answer.document["refusedCount"] = refusals.count;
   for (const ops::Refusal& refusal : refusals.first) {
-    answer.notes.push_back("refused: " + refusal.command + ": " + refusal.words);
+    answer.complain("refused: " + refusal.command + ": " + refusal.words);
   }
   const auto shown = static_cast<int>(refusals.first.size());
   if (refusals.count > shown) {
-    answer.notes.push_back("and " + std::to_string(refusals.count - shown) +
-                           " more, which the system log has");
+    answer.complain("and " + std::to_string(refusals.count - shown) +
+                    " more, which the system log has");
   }
 }
 
 void addRecovery(const ops::Recovery& recovery, Answer& answer) {
   answer.document["recovered"] = commandTexts(recovery.commands);
   if (recovery.commands.empty()) return;
-  answer.notes.emplace_back("undid what a reload that was killed left behind");
+  answer.remark("undid what a reload that was killed left behind");
   noteCommands(recovery.commands, answer);
-}
-
-// False with `answer` filled when the profile does not compile.
-bool compileProfile(const std::string& name, Json::Value& commands, Answer& answer) {
-  if (FW::TARNFW().fwIptablesRulesEnum(name, commands, /*withState=*/true)) return true;
-  answer = failed("profile '" + name + "' does not compile");
-  return false;
 }
 
 // The plan of an operation that loads the active profile.
@@ -72,6 +65,16 @@ bool settingsFor(ops::Settings& settings, Answer& answer) {
 }
 
 }  // namespace
+
+bool compileProfile(const std::string& name, Json::Value& commands, Answer& answer) {
+  std::string why;
+  const auto compile = [&] {
+    return FW::TARNFW().fwIptablesRulesEnum(name, commands, /*withState=*/true);
+  };
+  if (succeeds(compile, why)) return true;
+  answer = failed("profile '" + name + "' does not compile" + why);
+  return false;
+}
 
 Answer planAnswer(const ops::Plan& plan) {
   Answer answer;
@@ -93,7 +96,7 @@ Answer supervisedAnswer(const ops::Supervised& outcome) {
       answer = failed(outcome.reason, kBusy);
       break;
   }
-  for (const std::string& line : withoutProgramName(outcome.messages)) answer.notes.push_back(line);
+  answer.complain(withoutProgramName(outcome.messages));
   addRecovery(outcome.recovery, answer);
   addRefusals(outcome.refusals, answer);
   return answer;
@@ -103,28 +106,28 @@ Answer setUp(const Request& request) {
   const ops::BaseChains chains = request.dryRun ? ops::planBaseChains() : ops::setUpBaseChains();
   const ops::Seed seed = request.dryRun ? ops::planSeed() : ops::seedProfile();
   std::vector<std::string> problems = ops::readinessProblems();
-  const bool toBeSeeded = request.dryRun && !seed.file.empty();
-  const std::string active = toBeSeeded ? "" : ops::activeProfileProblem();
+  const bool seeds = !seed.file.empty() && seed.error.empty();
+  const std::string active = request.dryRun && seeds ? "" : ops::activeProfileProblem();
   if (!active.empty()) problems.push_back(active);
 
   Answer answer;
   if (request.dryRun) {
     ops::Plan plan;
     plan.run(chains.commands);
-    if (!seed.file.empty()) plan.change({seed.file, Json::Value(), seed.document});
+    if (seeds) plan.change({seed.file, Json::Value(), seed.document});
     answer = planAnswer(plan);
   } else {
     answer.document["commands"] = commandTexts(chains.commands);
-    answer.document["seeded"] = seed.file.empty() ? Json::Value() : Json::Value(seed.file);
+    answer.document["seeded"] = seeds ? Json::Value(seed.file) : Json::Value();
     noteCommands(chains.commands, answer);
-    if (!seed.file.empty() && seed.error.empty()) answer.notes.push_back("wrote " + seed.file);
+    if (seeds) answer.remark("wrote " + seed.file);
   }
   answer.document["problems"] = Json::Value(Json::arrayValue);
   for (const std::string& problem : problems) {
     answer.document["problems"].append(problem);
-    answer.notes.push_back("warning: " + problem);
+    answer.remark("warning: " + problem);
   }
-  for (const std::string& error : chains.errors) answer.notes.push_back(error);
+  answer.complain(chains.errors);
   if (!chains.errors.empty()) {
     answer.exit = chains.busy ? kBusy : kFailed;
     answer.error = "the base chains are not complete";
@@ -157,7 +160,7 @@ Answer reload(const Request& request) {
                           : supervisedAnswer(ops::reloadFirewall());
   }
   answer = request.dryRun ? planAnswer({}) : supervisedAnswer(ops::reloadFirewall());
-  answer.notes.emplace_back("the firewall is off, nothing is loaded");
+  answer.remark("the firewall is off, nothing is loaded");
   return answer;
 }
 
@@ -177,7 +180,6 @@ Answer recover(const Request& request) {
   if (!lock.held()) return failed(kBusyWords, kBusy);
   ops::LiveFilter filter;
   const ops::Recovery recovery = request.dryRun ? ops::planRecovery() : ops::recover(filter);
-  if (!request.dryRun && recovery.errors.empty()) ops::forgetOpenPolicies();
   lock.release();
 
   const bool reloads = known && !recovery.commands.empty() && settings.enabled;
@@ -196,8 +198,8 @@ Answer recover(const Request& request) {
   answer.document["marks"] = static_cast<Json::UInt64>(recovery.marks);
   answer.document["reloaded"] = reloads && !request.dryRun && answer.error.empty();
   if (!request.dryRun) addRecovery(recovery, answer);
-  if (recovery.commands.empty()) answer.notes.emplace_back("nothing to undo");
-  for (const std::string& error : recovery.errors) answer.notes.push_back(error);
+  if (recovery.commands.empty()) answer.remark("nothing to undo");
+  answer.complain(recovery.errors);
   if (!recovery.errors.empty()) {
     answer.exit = kFailed;
     answer.error = "the policies could not be opened or checked";

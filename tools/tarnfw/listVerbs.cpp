@@ -105,14 +105,16 @@ bool isCountryCode(const std::string& code) {
 
 Answer adapterList(const Request&) {
   std::set<std::string> adapters;
-  if (!FW::TARNFW().fwAdapterEnum(adapters)) return failed("the adapters cannot be listed");
+  if (!FW::TARNFW().fwAdapterEnum(adapters)) {
+    return failed("the adapters cannot be listed", kUnknown);
+  }
   return namesAnswer(adapters);
 }
 
 Answer serviceList(const Request&) {
   std::vector<ops::Service> services;
   std::string reason;
-  if (!ops::listServices(services, reason)) return failed(reason);
+  if (!ops::listServices(services, reason)) return failed(reason, kUnknown);
   Answer answer;
   answer.document = Json::Value(Json::arrayValue);
   std::vector<std::vector<std::string>> rows;
@@ -130,7 +132,9 @@ Answer serviceList(const Request&) {
 
 Answer countryList(const Request&) {
   std::vector<std::string> codes;
-  if (!FW::FW_GEOIP().countryEnum(codes)) return failed("no country ranges are installed");
+  if (!FW::FW_GEOIP().countryEnum(codes)) {
+    return failed("no country ranges are installed", kUnknown);
+  }
   return namesAnswer(std::set<std::string>(codes.begin(), codes.end()));
 }
 
@@ -141,7 +145,7 @@ Answer countryRanges(const Request& request) {
   Answer answer;
   answer.document = Json::Value(Json::arrayValue);
   if (!FW::FW_GEOIP().countryIPGet(code, request.has("--ipv6"), answer.document)) {
-    return failed("the ranges of '" + code + "' cannot be read");
+    return failed("the ranges of '" + code + "' cannot be read", kUnknown);
   }
   for (const Json::Value& range : answer.document) {
     answer.text += range["ip_begin"].asString() + "-" + range["ip_end"].asString() + "\n";

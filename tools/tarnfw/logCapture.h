@@ -1,5 +1,6 @@
-// The library's log lines of one call. The command logs to standard error as well as to the system
-// log; for the option --json the lines are collected instead.
+// The library's log lines of one call. The log goes to standard error as well as to the system log;
+// there it is collected, because names in it come from files and are not for a terminal as they
+// are.
 
 #ifndef TARNFW_TOOLS_LOGCAPTURE_H
 #define TARNFW_TOOLS_LOGCAPTURE_H

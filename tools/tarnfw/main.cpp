@@ -5,7 +5,8 @@
 
 #include <csignal>
 #include <exception>
-#include <optional>
+#include <string>
+#include <vector>
 
 #include "commandLine.h"
 #include "logCapture.h"
@@ -39,21 +40,19 @@ bool needsRoot(const Verb& verb, const Request& request) {
 }
 
 // What the JSON and lock libraries throw ends here: a document of the wrong shape, a lock file that
-// cannot be opened.
+// cannot be opened. A verb that reads has no answer then, and 1 would be one of a query's.
 Answer runVerb(const Verb& verb, const Request& request) {
   if (needsRoot(verb, request) && geteuid() != 0) return failed("needs root", kNeedsRoot);
-  std::optional<LogCapture> capture;
-  if (request.json) capture.emplace();
+  LogCapture capture;
   Answer answer;
   try {
     answer = verb.run(request);
   } catch (const std::exception& exception) {
-    answer = failed(exception.what());
+    answer = failed(exception.what(), verb.effect == Effect::kReads ? kUnknown : kFailed);
   }
-  if (capture) {
-    const std::vector<std::string> lines = capture->lines();
-    answer.notes.insert(answer.notes.begin(), lines.begin(), lines.end());
-  }
+  Answer log;
+  log.complain(capture.lines());
+  answer.notes.insert(answer.notes.begin(), log.notes.begin(), log.notes.end());
   return answer;
 }
 

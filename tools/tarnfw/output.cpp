@@ -26,7 +26,7 @@ Json::Value documentOf(const Answer& answer, const std::string& name, bool chang
   document["exit"] = answer.exit;
   if (!succeeded) document["error"] = answer.error;
   document["messages"] = Json::Value(Json::arrayValue);
-  for (const std::string& note : answer.notes) document["messages"].append(note);
+  for (const Note& note : answer.notes) document["messages"].append(note.text);
   return document;
 }
 
@@ -35,21 +35,6 @@ void complain(const std::string& line) {
 }
 
 }  // namespace
-
-std::string printable(const std::string& text) {
-  std::string safe;
-  for (const char character : text) {
-    const auto byte = static_cast<unsigned char>(character);
-    if (byte >= 0x20 && byte != 0x7f) {
-      safe += character;
-      continue;
-    }
-    char escaped[8];
-    (void)std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
-    safe += escaped;
-  }
-  return safe;
-}
 
 std::string table(const std::vector<std::vector<std::string>>& rows) {
   std::vector<std::size_t> widths;
@@ -85,8 +70,8 @@ bool colourWanted() {
 }
 
 int print(const Answer& answer, const std::string& name, bool changes, bool json, bool quiet) {
-  if (!quiet) {
-    for (const std::string& note : answer.notes) complain(note);
+  for (const Note& note : answer.notes) {
+    if (note.complaint || !quiet) complain(note.text);
   }
   if (!answer.error.empty()) complain((name.empty() ? "" : name + ": ") + answer.error);
   const std::string data = json ? ops::styledJson(documentOf(answer, name, changes)) : answer.text;

@@ -8,13 +8,12 @@
 
 #include <json/value.h>
 
+#include "ops/printable.h"
 #include "verbs.h"
 
 namespace tarnfw {
 
-// The text with control characters written as \xNN: names come from files and must not move the
-// cursor.
-std::string printable(const std::string& text);
+using ops::printable;
 
 // A table: columns as wide as their longest entry, two blanks between them.
 std::string table(const std::vector<std::vector<std::string>>& rows);
@@ -28,6 +27,7 @@ bool colourWanted();
 
 // Prints the answer of the verb `name` (empty before one is known).
 //   changes  the verb does something: its document tells whether it did
+//   quiet    what failed goes to standard error, remarks do not
 // Answers the exit status, kFailed when standard output cannot be written.
 int print(const Answer& answer, const std::string& name, bool changes, bool json, bool quiet);
 

@@ -1,5 +1,6 @@
 // Verbs on stored profiles.
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -140,7 +141,9 @@ std::string profileText(const FW::FWPROFILE& profile) {
 Answer compile(const Request& request) {
   const std::string& name = request.value("PROFILE");
   Json::Value commands;
-  bool compiled = false;
+  std::function<bool()> run = [&] {
+    return FW::TARNFW().fwIptablesRulesEnum(name, commands, !request.has("--no-state"));
+  };
   if (request.has("--exempt")) {
     const std::string& address = request.value("--exempt");
     if (request.has("--no-state")) {
@@ -149,11 +152,10 @@ Answer compile(const Request& request) {
     if (BlTLIBIsIpAddr(address.c_str()) == 0 && BlTLIBIsv6IpAddrValid(address.c_str()) == 0) {
       return failed("--exempt: " + quoted(address) + " is not an IP address", kUsage);
     }
-    compiled = FW::TARNFW().fwIptablesRulesEnum(name, commands, address);
-  } else {
-    compiled = FW::TARNFW().fwIptablesRulesEnum(name, commands, !request.has("--no-state"));
+    run = [&] { return FW::TARNFW().fwIptablesRulesEnum(name, commands, address); };
   }
-  if (!compiled) return failed("profile " + quoted(name) + " does not compile");
+  std::string why;
+  if (!succeeds(run, why)) return failed("profile " + quoted(name) + " does not compile" + why);
   Answer answer;
   answer.text = ops::styledJson(commands);
   answer.document = commands;
@@ -162,7 +164,9 @@ Answer compile(const Request& request) {
 
 Answer profileList(const Request&) {
   std::vector<std::string> names;
-  if (!FW::TARNFW_PROFILE().profileEnum(names)) return failed("the profiles cannot be listed");
+  if (!FW::TARNFW_PROFILE().profileEnum(names)) {
+    return failed("the profiles cannot be listed", kUnknown);
+  }
   Answer answer;
   answer.document = Json::Value(Json::arrayValue);
   for (const std::string& name : names) {
@@ -177,13 +181,17 @@ Answer profileShow(const Request& request) {
   FW::TARNFW_JSON_DB database;
   if (!database.profileExist(name)) return noSuchProfile(name);
   Answer answer;
-  if (!database.profileDbLoad(name, answer.document)) {
-    return failed("profile " + quoted(name) + " cannot be read");
-  }
   FW::FWPROFILE profile;
-  if (request.json) return answer;
-  database.jsonToProfile(answer.document, profile);
-  answer.text = profileText(profile);
+  std::string why;
+  const auto read = [&] {
+    if (!database.profileDbLoad(name, answer.document)) return false;
+    if (!request.json) database.jsonToProfile(answer.document, profile);
+    return true;
+  };
+  if (!succeeds(read, why)) {
+    return failed("profile " + quoted(name) + " cannot be read" + why, kUnknown);
+  }
+  if (!request.json) answer.text = profileText(profile);
   return answer;
 }
 
@@ -205,7 +213,7 @@ Answer profileDelete(const Request& request) {
   Answer answer = changeDocuments(
       request, [&] { return manager.profileDelete(name); }, "could not delete " + quoted(name));
   if (answer.error.empty() && !known) {
-    answer.notes.push_back("there is no profile " + quoted(name));
+    answer.remark("there is no profile " + quoted(name));
   } else if (answer.error.empty() && !request.dryRun && manager.profileExist(name)) {
     return failed("could not delete " + quoted(name));  // the library takes every removal for done
   }

@@ -1,6 +1,7 @@
 // Verbs that ask whether a port or a service is blocked under the active profile.
 
 #include <algorithm>
+#include <functional>
 #include <regex>
 #include <string>
 #include <vector>
@@ -54,7 +55,7 @@ Answer verdictsAnswer(const FW::AdapterPolicyMap& verdicts) {
   ops::Settings settings;
   std::string reason;
   if (ops::readSettings(settings, reason) && !settings.enabled) {
-    answer.notes.emplace_back("the firewall is off, nothing is blocked");
+    answer.remark("the firewall is off, nothing is blocked");
   }
   return answer;
 }
@@ -78,6 +79,21 @@ std::string adapterOf(const Request& request) {
   return request.has("--adapter") ? request.value("--adapter") : "";
 }
 
+// Without a name the library answers for every adapter, which is not what was asked for.
+bool adapterIsEmpty(const Request& request) {
+  return request.has("--adapter") && request.value("--adapter").empty();
+}
+
+Answer emptyAdapter() { return failed("the adapter's name is empty", kUsage); }
+
+// The answer that `query` fills in.
+Answer ask(const std::function<bool(FW::AdapterPolicyMap& verdicts)>& query) {
+  FW::AdapterPolicyMap verdicts;
+  std::string why;
+  if (succeeds([&] { return query(verdicts); }, why)) return verdictsAnswer(verdicts);
+  return failed("the active profile cannot be read" + why, kUnknown);
+}
+
 }  // namespace
 
 Answer queryPort(const Request& request) {
@@ -86,17 +102,17 @@ Answer queryPort(const Request& request) {
   if (!isPortOrRange(query.port)) {
     return failed(quoted(query.port) + " is neither a port nor a range of ports", kUsage);
   }
+  if (adapterIsEmpty(request)) return emptyAdapter();
   query.protocol = protocolOf(request.value("--protocol"));
   query.portDirect = request.has("--direction") && request.value("--direction") == "src" ? 1 : 0;
-  FW::AdapterPolicyMap verdicts;
-  if (!FW::TARNFW().fwPortIsBlocked(query, adapterOf(request), verdicts)) {
-    return failed("the active profile cannot be read", kUnknown);
-  }
-  return verdictsAnswer(verdicts);
+  return ask([&](FW::AdapterPolicyMap& verdicts) {
+    return FW::TARNFW().fwPortIsBlocked(query, adapterOf(request), verdicts);
+  });
 }
 
 Answer queryService(const Request& request) {
   const std::string& name = request.value("NAME");
+  if (adapterIsEmpty(request)) return emptyAdapter();
   std::vector<ops::Service> services;
   std::string reason;
   if (!ops::listServices(services, reason)) return failed(reason, kUnknown);
@@ -105,11 +121,9 @@ Answer queryService(const Request& request) {
     return service.name == name && service.available;
   });
   if (!known) return failed("there is no service " + quoted(name), kUnknown);
-  FW::AdapterPolicyMap verdicts;
-  if (!FW::TARNFW().fwServIsBlocked(name, adapterOf(request), verdicts)) {
-    return failed("the active profile cannot be read", kUnknown);
-  }
-  return verdictsAnswer(verdicts);
+  return ask([&](FW::AdapterPolicyMap& verdicts) {
+    return FW::TARNFW().fwServIsBlocked(name, adapterOf(request), verdicts);
+  });
 }
 
 }  // namespace tarnfw

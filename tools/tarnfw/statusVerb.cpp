@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "ops/liveRules.h"
+#include "ops/recovery.h"
 #include "ops/settings.h"
 #include "ops/verification.h"
 #include "output.h"
@@ -56,7 +57,7 @@ std::vector<std::string> faultsOf(const ops::Settings& settings, const ops::Live
   std::vector<std::string> faults;
   const std::vector<std::string> missing = ops::missingChains(filter);
   if (!missing.empty()) faults.push_back(ops::missingWords(missing));
-  const bool marked = filter.marks() > 0;
+  const bool marked = !ops::recoveryCommands(filter, ops::recordedOpenPolicies()).empty();
   if (marked) {
     faults.emplace_back(
         "a reload is under way or was killed; if it was killed, run 'tarnfw recover'");
@@ -85,7 +86,7 @@ void describe(const ops::Settings& settings, const ops::LiveFilter& filter, bool
   document["faults"] = Json::Value(Json::arrayValue);
   for (const std::string& fault : faultsOf(settings, filter)) {
     document["faults"].append(fault);
-    answer.notes.push_back("warning: " + fault);
+    answer.remark("warning: " + fault);
   }
 }
 
@@ -97,9 +98,12 @@ void fail(Answer& answer, const std::string& error) {
 // An enabled firewall is compared with its profile, a disabled one with nothing.
 void verify(const ops::Settings& settings, Answer& answer) {
   Json::Value commands;
-  if (settings.enabled &&
-      !FW::TARNFW().fwIptablesRulesEnum(settings.profile, commands, /*withState=*/true)) {
-    return fail(answer, "profile '" + settings.profile + "' does not compile");
+  std::string why;
+  const auto compile = [&] {
+    return FW::TARNFW().fwIptablesRulesEnum(settings.profile, commands, /*withState=*/true);
+  };
+  if (settings.enabled && !succeeds(compile, why)) {
+    return fail(answer, "profile '" + settings.profile + "' does not compile" + why);
   }
   const ops::Verification verification = ops::verifyLiveRules(commands);
   if (!verification.compared) return fail(answer, verification.reason);
@@ -110,6 +114,11 @@ void verify(const ops::Settings& settings, Answer& answer) {
     answer.text += printable(line) + "\n";
   }
   if (!verification.differences.empty()) answer.exit = kDiffers;
+  answer.document["notCompared"] = static_cast<Json::UInt64>(verification.leftOut);
+  if (verification.leftOut > 0) {
+    answer.remark("not compared: " + std::to_string(verification.leftOut) +
+                  " line(s) with a host name");
+  }
 }
 
 }  // namespace
@@ -119,13 +128,14 @@ Answer status(const Request& request) {
   answer.document = Json::Value(Json::objectValue);
   ops::Settings settings;
   std::string reason;
-  if (!ops::readSettings(settings, reason)) {
+  const bool readable = ops::readSettings(settings, reason);
+  if (settings.knowsEnabled) answer.document["enabled"] = settings.enabled;
+  if (settings.knowsProfile) answer.document["profile"] = settings.profile;
+  if (!readable) {
     fail(answer, reason);
     return answer;
   }
   answer.exit = settings.enabled ? kDone : kOff;
-  answer.document["enabled"] = settings.enabled;
-  answer.document["profile"] = settings.profile;
   answer.text = "Firewall  " +
                 (settings.enabled ? green("on", request.colour) : red("off", request.colour)) +
                 "\nProfile   " + printable(settings.profile) + "\n";

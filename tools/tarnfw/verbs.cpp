@@ -1,14 +1,33 @@
 #include "verbs.h"
 
+#include <exception>
 #include <utility>
 
 namespace tarnfw {
+
+void Answer::remark(std::string line) { notes.push_back({std::move(line), /*complaint=*/false}); }
+
+void Answer::complain(std::string line) { notes.push_back({std::move(line), /*complaint=*/true}); }
+
+void Answer::complain(const std::vector<std::string>& lines) {
+  for (const std::string& line : lines) complain(line);
+}
 
 Answer failed(std::string error, int exit) {
   Answer answer;
   answer.exit = exit;
   answer.error = std::move(error);
   return answer;
+}
+
+bool succeeds(const std::function<bool()>& operation, std::string& why) {
+  why.clear();
+  try {
+    return operation();
+  } catch (const std::exception& exception) {
+    why = std::string(": ") + exception.what();
+    return false;
+  }
 }
 
 const std::vector<Verb>& verbs() {

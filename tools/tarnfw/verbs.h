@@ -4,6 +4,7 @@
 #ifndef TARNFW_TOOLS_VERBS_H
 #define TARNFW_TOOLS_VERBS_H
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -19,7 +20,7 @@ enum Exit {
   kBlocked = 1,  // query
   kUsage = 2,
   kOff = 3,      // status: the firewall is off
-  kUnknown = 4,  // settings or packet filter could not be read
+  kUnknown = 4,  // what was asked for could not be read
   kDiffers = 5,  // status: the live rules are not those of the profile
   kBusy = 8,     // the execution lock was not had in time
   kPartly = 10,  // query: partly blocked
@@ -39,21 +40,38 @@ struct Request {
   const std::string& value(const std::string& name) const { return values.at(name); }
 };
 
+// A line for standard error.
+//   complaint  it tells of something that failed, and so --quiet does not keep it back
+struct Note {
+  std::string text;
+  bool complaint = false;
+};
+
 // What a verb answers.
 //   exit      an Exit
 //   error     what went wrong, in one sentence; empty after success
-//   notes     lines for standard error: what was done besides, the library's log
+//   notes     lines for standard error, in order
 //   text      for standard output; ends with a line feed unless it is empty
 //   document  the same for --json; null for a verb that only does something
 struct Answer {
   int exit = kDone;
   std::string error;
-  std::vector<std::string> notes;
+  std::vector<Note> notes;
   std::string text;
   Json::Value document;
+
+  // Notes what was done besides, or what the user may want to look at.
+  void remark(std::string line);
+  // Notes what failed: a refused command, a line of the library's log.
+  void complain(std::string line);
+  void complain(const std::vector<std::string>& lines);
 };
 
 Answer failed(std::string error, int exit = kFailed);
+
+// Runs an operation that reads. False when it fails or throws, as the JSON library does on a
+// document of another shape; an exception's words are in `why` then, after ": ".
+bool succeeds(const std::function<bool()>& operation, std::string& why);
 
 enum class Root {
   kNever,

@@ -64,6 +64,7 @@ constexpr ReloadingRow kReloadingRows[] = {
      "/sbin/iptables -I FIREWALL_RELOADING 1 -i lo -j ACCEPT\n"},
     {"NoTracking", "-A FIREWALL_RELOADING -i lo -j ACCEPT\n",
      "/sbin/iptables -I FIREWALL_RELOADING 2 -m state --state INVALID -j RETURN\n"},
+    {"TrackingByItsOtherName", "-A FIREWALL_RELOADING -i lo -j ACCEPT\n-A FIREWALL_RELOADING -m conntrack --ctstate INVALID -j RETURN\n", ""},
     {"BehindAMark", "-A FIREWALL_RELOADING -m state --state RELATED,ESTABLISHED -j ACCEPT\n-A FIREWALL_RELOADING -i lo -j ACCEPT\n",
      "/sbin/iptables -I FIREWALL_RELOADING 3 -m state --state INVALID -j RETURN\n"},
     {"OnlyAMark", "-A FIREWALL_RELOADING -m state --state RELATED,ESTABLISHED -j ACCEPT\n",

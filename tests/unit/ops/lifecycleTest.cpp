@@ -1,11 +1,14 @@
 #include "ops/lifecycle.h"
 
+#include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -112,6 +115,72 @@ TEST_F(Lifecycle, SuccessLeavesNoRecord) {
   EXPECT_EQ(ops::recordedOpenPolicies().size(), 0U);
 }
 
+std::string records() { return machine::run("ls /run/tarn | grep open_policies").out; }
+
+// Another worker that is killed while this one succeeds: what it has closed is still told apart.
+TEST_F(Lifecycle, SuccessLeavesTheRecordsOfOthers) {
+  const std::string open = machine::filterTables();
+  const ops::Supervised outcome = ops::supervise({}, [] {
+    const pid_t other = fork();
+    if (other == 0) {
+      (void)ops::writeOpenPolicies({"v4 INPUT"});
+      (void)die(SIGKILL);
+    }
+    int status = 0;
+    // By a tool of its own, so that the platform has no note of it.
+    return waitpid(other, &status, 0) == other &&
+           machine::run("iptables -P INPUT DROP").status == 0;
+  });
+  EXPECT_EQ(told(outcome), "done\n");
+  ops::LiveFilter filter;
+  EXPECT_EQ(ops::recover(filter).commands.size(), 1U);
+  EXPECT_EQ(machine::filterTables(), open);
+  EXPECT_EQ(records(), "");
+}
+
+// Each way out, but for the worker that could not see whether the policies are open.
+TEST_F(Lifecycle, EveryWayOutRemovesTheRecord) {
+  for (const Row& row : kRows) {
+    (void)ops::supervise({}, row.operation);
+    EXPECT_EQ(records(), "") << row.name;
+  }
+  (void)ops::supervise({}, [] {
+    (void)std::fprintf(stderr, "tarnFW:1 TIMEOUT: getting lock\n");
+    return false;
+  });
+  EXPECT_EQ(records(), "") << "busy";
+  (void)ops::disableFirewall();
+  EXPECT_EQ(records(), "") << "disabled";
+}
+
+// The policy that somebody has closed meanwhile is not opened by the next recovery.
+TEST_F(Lifecycle, BusyWorkerLeavesForeignPoliciesAlone) {
+  const ops::Supervised outcome = ops::supervise({}, [] {
+    (void)std::fprintf(stderr, "tarnFW:1 TIMEOUT: getting lock\n");
+    return false;
+  });
+  EXPECT_EQ(told(outcome), "busy: another reload holds the execution lock\n");
+  ASSERT_EQ(machine::run("iptables -P FORWARD DROP").status, 0);
+  ops::LiveFilter filter;
+  EXPECT_EQ(ops::recover(filter).commands.size(), 0U);
+}
+
+TEST_F(Lifecycle, ManyRefusedCommandsAreNotToldTwice) {
+  const ops::Supervised outcome = ops::supervise({}, [] {
+    for (const char* chain : {"A", "B", "C"}) {
+      const std::string command = std::string("/sbin/iptables -X NOSUCH") + chain;
+      (void)std::fprintf(stderr, "tarnPlatform:1 %s: exit status 1: words\n", command.c_str());
+      (void)std::fprintf(stderr, "tarnPlatform:1 after %s\n", chain);
+      if (!FW::TARNFW().cmdExec(command)) return false;
+    }
+    return true;
+  });
+  EXPECT_EQ(outcome.refusals.first.size(), 3U);
+  EXPECT_EQ(outcome.messages,
+            (std::vector<std::string>{"tarnPlatform:1 after A", "tarnPlatform:1 after B",
+                                      "tarnPlatform:1 after C"}));
+}
+
 TEST_F(Lifecycle, RefusedCommandsFailAndAreNotToldTwice) {
   const ops::Supervised outcome = ops::supervise({}, [] {
     (void)std::fprintf(stderr, "tarnPlatform:1 /sbin/iptables -X NOSUCH: exit status 1: words\n");
@@ -183,10 +252,43 @@ TEST_F(Lifecycle, ClearEmptiesTheChains) {
   EXPECT_EQ(machine::run("iptables -S INPUT_FIREWALL").out, "-N INPUT_FIREWALL\n");
 }
 
+// A load that fails does not take back what was recorded before it.
+TEST_F(Lifecycle, FailureTellsWhatIsOnRecord) {
+  machine::write("/usr/tarn/etc/firewall.d/2.json",
+                 R"({"name": "broken", "rules": {"global": [{"policy": "deny"}]}})");
+  EXPECT_EQ(told(ops::enableFirewall()), "done\n");
+  EXPECT_EQ(told(ops::useProfile("broken")),
+            "failed: Value is not convertible to Int.; 'broken' is the active profile now\n");
+  EXPECT_EQ(told(ops::enableFirewall()),
+            "failed: Value is not convertible to Int.; the firewall is recorded as on\n");
+  EXPECT_EQ(told(ops::useProfile("nosuch")),
+            "failed: the library reports a failure; why is in the system log\n");
+}
+
 TEST_F(SlowLifecycle, BusyAfterThirtySeconds) {
   const ops::ExecutionLock lock;
   ASSERT_TRUE(lock.held());
   EXPECT_EQ(told(ops::reloadFirewall()), "busy: another reload holds the execution lock\n");
+}
+
+// The lock is lost between the look at the machine and the load: a hook of the enabling takes it.
+TEST_F(SlowLifecycle, LockLostOnTheWay) {
+  machine::write("/run/tarn/hold",
+                 "#!/bin/sh\n"
+                 "[ \"$1\" = pre ] || exit 0\n"
+                 "exec 9>>/tmp/firewall_iptables_exec.lock\n"
+                 "/usr/bin/flock 9\n"
+                 "/usr/bin/setsid /bin/sleep 90 >/dev/null 2>&1 &\n"
+                 "echo $! > /run/tarn/holder\n");
+  const std::string hooks = "/usr/tarn/libexec/plugins/net/firewall_enable";
+  ASSERT_EQ(machine::run("mkdir -p " + hooks + " && install -m 755 /run/tarn/hold " + hooks).status,
+            0);
+  openlog("lifecycle", LOG_PERROR, LOG_USER);  // as the command does: the worker reads its log
+  EXPECT_EQ(told(ops::enableFirewall()),
+            "busy: another reload holds the execution lock; the firewall is recorded as on\n");
+  closelog();
+  EXPECT_EQ(records(), "") << "would open what others close meanwhile";
+  EXPECT_EQ(machine::run("kill $(cat /run/tarn/holder); rm -r " + hooks).status, 0);
 }
 
 }  // namespace

@@ -55,6 +55,20 @@ TEST(Plan, EachKindOfStep) {
             R"({"after":null,"before":[],"do":"remove","file":"/gone"}])");
 }
 
+TEST(Plan, ControlCharactersAreEscaped) {
+  ops::Plan plan;
+  plan.run("/sbin/iptables -A A --comment \033[2J");
+  plan.set("/settings", "profile", "a\nb");
+  plan.load("x\033", {"a\x7f.ko"});
+  plan.change({"/\033", Json::Value(), Json::Value("\x7f")});
+  EXPECT_EQ(plan.text(),
+            "run /sbin/iptables -A A --comment \\x1b[2J\n"
+            "set profile a\\x0ab in /settings\n"
+            "load a\\x7f.ko for x\\x1b\n"
+            "write /\\x1b\n"
+            "    +\"\\x7f\"\n");
+}
+
 // "global" first in each family, IPv4 first; a family without lines has a null.
 TEST(Plan, CompiledLinesInTheLibrarysOrder) {
   machine::reset();

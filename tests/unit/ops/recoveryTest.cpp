@@ -1,5 +1,11 @@
 #include "ops/recovery.h"
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -7,6 +13,7 @@
 
 #include "machine.h"
 #include "ops/baseChains.h"
+#include "ops/processes.h"
 
 namespace {
 
@@ -48,6 +55,50 @@ const Row kRows[] = {
 };
 // clang-format on
 
+// A record whose worker has ended: the process has that number, but another start.
+std::string deadRecord(int start) {
+  return "/run/tarn/open_policies." + std::to_string(getpid()) + "." + std::to_string(start) +
+         ".json";
+}
+
+std::string records() { return machine::run("ls /run/tarn | grep open_policies").out; }
+
+// A process that leads a session, has done something and waits for its end; with a child of its own
+// if that is asked for.
+class Worker {
+ public:
+  explicit Worker(const std::function<bool()>& work, pid_t* child = nullptr) {
+    std::array<int, 2> ends = {};
+    EXPECT_EQ(pipe(ends.data()), 0);
+    number_ = fork();
+    if (number_ == 0) {
+      (void)setsid();
+      const pid_t tool = work() && child != nullptr ? fork() : -1;
+      if (tool != 0) (void)write(ends[1], &tool, sizeof tool);
+      for (;;) (void)pause();
+    }
+    pid_t tool = 0;
+    EXPECT_EQ(read(ends[0], &tool, sizeof tool), static_cast<ssize_t>(sizeof tool));
+    if (child != nullptr) *child = tool;
+    for (const int end : ends) (void)close(end);
+  }
+  ~Worker() { kill(); }
+  Worker(const Worker&) = delete;
+  Worker& operator=(const Worker&) = delete;
+
+  pid_t number() const { return number_; }
+  void kill() {
+    if (!alive_) return;
+    alive_ = false;
+    EXPECT_EQ(::kill(number_, SIGKILL), 0);
+    EXPECT_EQ(waitpid(number_, nullptr, 0), number_);
+  }
+
+ private:
+  pid_t number_ = 0;
+  bool alive_ = true;
+};
+
 TEST(Recovery, Rows) {
   for (const Row& row : kRows) {
     ops::LiveFilter filter;
@@ -82,10 +133,98 @@ TEST(Recovery, RecordIsReadAsWrittenUntilForgotten) {
 TEST(Recovery, DamagedRecordsAreNone) {
   machine::reset();
   ASSERT_TRUE(ops::writeOpenPolicies({}));
-  for (const char* text : {"", "{", "{}", "7", "[7, null]"}) {
-    machine::write("/run/tarn/open_policies.json", text);
+  for (const std::string& text :
+       {std::string(), std::string("{"), std::string("{}"), std::string("7"),
+        std::string("[7, null]"), std::string(2000, '[')}) {
+    machine::write(deadRecord(1), text);
     EXPECT_EQ(ops::recordedOpenPolicies(), std::vector<std::string>()) << text;
   }
+}
+
+TEST(Recovery, OtherFilesAreNoRecords) {
+  machine::reset();
+  ASSERT_TRUE(ops::writeOpenPolicies({}));
+  for (const char* name : {"open_policies.json", "open_policies.1.json", "open_policies.1.x.json",
+                           "open_policies.1.2.json.tmp", "open_policies.99999999999.2.json"}) {
+    machine::write(std::string("/run/tarn/") + name, R"(["v4 INPUT"])");
+    EXPECT_EQ(ops::recordedOpenPolicies(), std::vector<std::string>()) << name;
+  }
+}
+
+TEST(Recovery, RecordsOfDeadWorkersCountTogether) {
+  machine::reset();
+  ASSERT_TRUE(ops::writeOpenPolicies({"v6 INPUT"}));
+  machine::write(deadRecord(1), R"(["v4 INPUT", "v4 FORWARD"])");
+  machine::write(deadRecord(2), R"(["v4 FORWARD"])");
+  EXPECT_EQ(ops::recordedOpenPolicies(),
+            (std::vector<std::string>{"v4 FORWARD", "v4 INPUT", "v6 INPUT"}));
+}
+
+// What the platform has noted counts whoever ran the reload.
+TEST(Recovery, NotedPoliciesAreOursWithoutMarkAndRecord) {
+  machine::reset();
+  ASSERT_EQ(ops::setUpBaseChains().errors.size(), 0U);
+  ASSERT_EQ(machine::run("iptables -P INPUT DROP && iptables -P FORWARD DROP").status, 0);
+  ops::LiveFilter filter;
+  EXPECT_EQ(ops::recover(filter).commands.size(), 0U);
+  ASSERT_EQ(machine::run("mkdir -p /run/tarn && touch /run/tarn/closed_policy.iptables.INPUT "
+                         "/run/tarn/closed_policy.ip6tables.FORWARD")
+                .status,
+            0);
+  const ops::Recovery recovery = ops::recover(filter);
+  ASSERT_EQ(recovery.commands.size(), 1U);
+  EXPECT_EQ(recovery.commands[0].text(), "/sbin/iptables --policy INPUT ACCEPT");
+  EXPECT_EQ(machine::run("ls /run/tarn | grep policy").out, "closed_policy.ip6tables.FORWARD\n");
+  ASSERT_EQ(machine::run("iptables -P FORWARD ACCEPT").status, 0);
+
+  // The tool of a note that is new may be on the way; an old one has nothing to tell.
+  ASSERT_EQ(
+      machine::run("touch -d '2 minutes ago' /run/tarn/closed_policy.ip6tables.FORWARD").status, 0);
+  EXPECT_EQ(ops::recover(filter).commands.size(), 0U);
+  EXPECT_EQ(machine::run("ls /run/tarn | grep policy").out, "");
+}
+
+// A living worker without the execution lock has closed nothing, so what is closed is somebody
+// else's.
+TEST(Recovery, RecordOfALivingWorkerDoesNotCount) {
+  machine::reset();
+  ASSERT_EQ(ops::setUpBaseChains().errors.size(), 0U);
+  Worker worker([] { return ops::writeOpenPolicies({"v4 INPUT"}); });
+  ASSERT_EQ(machine::run("iptables -P INPUT DROP").status, 0);
+  ops::LiveFilter filter;
+  EXPECT_EQ(ops::recover(filter).commands.size(), 0U);
+  worker.kill();
+  EXPECT_EQ(ops::recover(filter).commands.size(), 1U);
+  EXPECT_TRUE(filter.open());
+  EXPECT_EQ(records(), "") << "done with";
+}
+
+// A tool that a killed worker has left behind may still close a policy.
+TEST(Recovery, RecordStaysWhileAToolIsLeftBehind) {
+  machine::reset();
+  ASSERT_EQ(ops::setUpBaseChains().errors.size(), 0U);
+  pid_t tool = 0;
+  Worker worker([] { return ops::writeOpenPolicies({"v4 INPUT"}); }, &tool);
+  worker.kill();
+  ops::LiveFilter filter;
+  EXPECT_EQ(ops::recover(filter).errors.size(), 0U);
+  EXPECT_NE(records(), "");
+  ASSERT_EQ(kill(tool, SIGKILL), 0);
+  ASSERT_TRUE(machine::eventually([&] { return !ops::anyoneIn(worker.number()); }));
+  EXPECT_EQ(ops::recover(filter).errors.size(), 0U);
+  EXPECT_EQ(records(), "");
+}
+
+TEST(Recovery, RecordStaysWhenNothingCouldBeRead) {
+  machine::reset();
+  machine::write(deadRecord(1), R"(["v4 INPUT"])");
+  ASSERT_EQ(machine::run("mv /etc/alternatives/iptables /etc/alternatives/iptables-gone").status,
+            0);
+  ops::LiveFilter filter;
+  EXPECT_EQ(ops::recover(filter).errors.size(), 1U);
+  EXPECT_NE(records(), "");
+  ASSERT_EQ(machine::run("mv /etc/alternatives/iptables-gone /etc/alternatives/iptables").status,
+            0);
 }
 
 TEST(Recovery, UndoesWhatIsInTheKernel) {

@@ -52,6 +52,7 @@ TEST(ServiceTable, LaterDropInReplaces) {
   machine::write("/usr/tarn/etc/firewall_services.d/2.json",
                  R"({"a": {"destination": {"protocol": "both", "ports": ["3"]}}})");
   machine::write("/usr/tarn/etc/firewall_services.d/3.txt", "ignored");
+  machine::write("/usr/tarn/etc/firewall_services.d/.4.json", "ignored");
   EXPECT_EQ(listed(), "a '' yes [] [both 3]\n");
   machine::run("rm -r /usr/tarn/etc/firewall_services.d");
 }

@@ -49,6 +49,34 @@ TEST(Settings, Rows) {
   }
 }
 
+// What is known of settings that cannot be read as a whole.
+struct PartRow {
+  const char* name;
+  const char* document;
+  const char* known;
+};
+
+constexpr PartRow kPartRows[] = {
+    {"Whole", R"({"status": true, "profile": "office"})", "on office"},
+    {"NoProfile", R"({"status": true})", "on ?"},
+    {"StatusOfAnotherType", R"({"status": "on", "profile": "office"})", "? office"},
+    {"ProfileOfAnotherType", R"({"status": true, "profile": []})", "on ?"},
+    {"NotJson", "{", "? ?"},
+};
+
+TEST(Settings, PartsThatAreKnown) {
+  for (const PartRow& row : kPartRows) {
+    machine::reset();
+    machine::write(kFile, row.document);
+    ops::Settings settings;
+    std::string reason;
+    (void)ops::readSettings(settings, reason);
+    std::string known = settings.knowsEnabled ? (settings.enabled ? "on" : "off") : "?";
+    known += settings.knowsProfile ? " " + settings.profile : " ?";
+    EXPECT_EQ(known, row.known) << row.name;
+  }
+}
+
 TEST(Settings, DefaultsAreNotWritten) {
   machine::reset();
   EXPECT_EQ(described(), "off default");

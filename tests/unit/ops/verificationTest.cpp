@@ -75,6 +75,50 @@ TEST_F(Verification, RefusedLineIsInNeither) {
   EXPECT_EQ(verified(commands_), "");
 }
 
+struct HostRow {
+  const char* name;
+  const char* line;    // compiled, with a host name
+  const char* change;  // shell commands that put into the kernel what it has given
+  std::size_t leftOut;
+  const char* differences;
+};
+
+// clang-format off
+constexpr HostRow kHostRows[] = {
+    {"ResolvedWhenLoaded", "-A INPUT_FIREWALL -s host.invalid -p tcp --dport 80 -j DROP",
+     "iptables -A INPUT_FIREWALL -s 192.0.2.7,192.0.2.8 -p tcp --dport 80 -j DROP", 1, ""},
+    {"NotResolvedWhenLoaded", "-A INPUT_FIREWALL -d host.invalid -j DROP", ":", 1, ""},
+    {"AnotherForm", "-A INPUT_FIREWALL -s host.invalid -p tcp --dport 80 -j DROP",
+     "iptables -A INPUT_FIREWALL -s 192.0.2.7 -p tcp --dport 81 -j DROP", 1,
+     "+/sbin/iptables -A INPUT_FIREWALL -s 192.0.2.7/32 -p tcp -m tcp --dport 81 -j DROP\n"},
+    {"RuleOfTheSameFormIsCompared", "-A INPUT_FIREWALL -s host.invalid -j DROP",
+     "iptables -D INPUT_FIREWALL -s 192.0.2.1 -j DROP", 1,
+     "-/sbin/iptables -A INPUT_FIREWALL -s 192.0.2.1/32 -j DROP\n"},
+    {"RuleOfTheSameFormIsFound", "-A INPUT_FIREWALL -s host.invalid -j DROP",
+     "iptables -A INPUT_FIREWALL -s 192.0.2.9 -j DROP", 1, ""},
+    {"Address", "-A INPUT_FIREWALL -s 192.0.2.0/24 -j DROP",
+     ":", 0, "-/sbin/iptables -A INPUT_FIREWALL -s 192.0.2.0/24 -j DROP\n"},
+};
+// clang-format on
+
+TEST_F(Verification, HostNamesAreNotCompared) {
+  for (const HostRow& row : kHostRows) {
+    SetUp();
+    Json::Value commands = commands_;
+    commands["v4"]["global"].append(row.line);
+    ASSERT_EQ(machine::run(row.change).status, 0) << row.name;
+    EXPECT_EQ(verified(commands), row.differences) << row.name;
+    EXPECT_EQ(ops::verifyLiveRules(commands).leftOut, row.leftOut) << row.name;
+  }
+}
+
+TEST_F(Verification, HostNamesOfTheOtherFamily) {
+  Json::Value commands = commands_;
+  commands["v6"]["global"].append("-A INPUT_FIREWALL -s host.invalid/64 -j DROP");
+  ASSERT_EQ(machine::run("ip6tables -A INPUT_FIREWALL -s 2001:db8::7 -j DROP").status, 0);
+  EXPECT_EQ(verified(commands), "");
+}
+
 TEST_F(Verification, NullAsksForEmptyChains) {
   EXPECT_EQ(verified(Json::Value()),
             "+/sbin/iptables -A INPUT_FIREWALL -s 192.0.2.1/32 -j DROP\n"
