@@ -1,32 +1,69 @@
 #!/bin/bash
-# Installs what it needs, builds and runs all tests: with g++ and warnings as errors, and again under
-# the address and undefined-behaviour sanitizers. clang compiles what is shipped, with the same warnings.
+# Installs what it needs, builds and runs all tests: with g++ and warnings as errors, again under the
+# address and undefined-behaviour sanitizers, threads under the thread sanitizer, and every fuzz target for
+# a minute. clang compiles what is shipped, with the same warnings. Ends with the figures of the proofs and the
+# summary of each run.
 #
-#   scripts/test.sh [--fast]     --fast: only the g++ build, without the tests labelled slow
+#   scripts/test.sh [--fast | --long]
+#
+#   --fast  only the g++ build, without the tests labelled slow and without the proofs
+#   --long  proofs, random profiles and fuzz targets ten times as long: a night's work
 set -euo pipefail
 cd "$(dirname "$0")/.."
+mode=${1:-}
+case $mode in
+  "" | --fast) ;;
+  --long) export TARN_LONG=${TARN_LONG:-10} ;;
+  *)
+    echo "test.sh: what is $mode?" >&2
+    exit 2
+    ;;
+esac
 if [ "$(id -u)" != 0 ]; then
   echo "test.sh: needs root, for namespaces of its own" >&2
   exit 77
 fi
-fast=""
-[ "${1:-}" = --fast ] && fast=yes
 . scripts/dependencies.sh
 install_packages build run test
 
-build() {  # build PRESET [CMAKE-OPTION...]
+build() {  # build PRESET [CMAKE-OPTION...] [-- TARGET...]
+  local preset=$1 options=()
+  shift
+  while [ $# -gt 0 ] && [ "$1" != -- ]; do
+    options+=("$1")
+    shift
+  done
+  [ $# -eq 0 ] || shift
+  cmake --preset "$preset" -DCMAKE_CXX_COMPILER_LAUNCHER=ccache "${options[@]}" >/dev/null
+  cmake --build --preset "$preset" -j "$(nproc)" ${1:+--target "$@"}
+}
+
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+failed=""
+
+run() {  # run PRESET [CTEST-OPTION...]; a failure is remembered, the other tests run all the same
   local preset=$1
   shift
-  cmake --preset "$preset" -DCMAKE_CXX_COMPILER_LAUNCHER=ccache "$@" >/dev/null
-  cmake --build --preset "$preset" -j "$(nproc)"
+  echo "== $preset" | tee -a "$log"
+  ctest --preset "$preset" -j "$(nproc)" "$@" 2>&1 | tee -a "$log" || failed=yes
 }
 
 build dev
-if [ -n "$fast" ]; then
-  ctest --preset dev -j "$(nproc)" -LE slow
+if [ "$mode" = --fast ]; then
+  run dev -LE 'slow|proof|property'
+  [ -z "$failed" ]
   exit
 fi
 build clang -DTARN_TESTS=OFF -DTARN_BENCH=OFF
 build asan
-ctest --preset asan -j "$(nproc)" -LE 'checks|slow'
-ctest --preset dev -j "$(nproc)"
+build tsan -- tarn-sandbox proof_many_threadsTest
+build fuzz
+run asan -LE 'checks|slow'
+run tsan -L many-at-once
+run fuzz
+run dev
+echo
+grep -ahE '^figures: ' build/{fuzz,tsan,dev}/Testing/Temporary/LastTest.log || true
+grep -E '^== |tests passed|^\s+[0-9]+ - .*\(|^Total Test time' "$log"
+[ -z "$failed" ]

@@ -1,0 +1,293 @@
+// An unprivileged user who does not leave it at putting something at root's name: he holds every
+// kind of lock and lease on it, or puts it there again and again while root is at work.
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/file.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "attacker.h"
+#include "figures.h"
+#include "lock.h"
+#include "places.h"
+#include "processes.h"
+
+namespace {
+
+using namespace squatting;  // NOLINT(google-build-using-namespace): the test's own support
+
+struct Figures {
+  unsigned held = 0;
+  unsigned raced = 0;
+  unsigned leasesRefused = 0;
+  unsigned turns = 0;
+  unsigned wrong = 0;
+};
+
+Figures& counted() {
+  static Figures kept;
+  return kept;
+}
+
+class Races : public testing::Test {
+ protected:
+  static void SetUpTestSuite() { figures::open("squatting/races"); }
+  static void TearDownTestSuite() {
+    figures::add(counted().held, "cases with a held lock");
+    figures::add(counted().leasesRefused, "leases refused by the kernel");
+    figures::add(counted().raced, "cases with a race");
+    figures::add(counted().turns, "turns under attack");
+    figures::add(counted().wrong, "wrong");
+  }
+};
+
+void prepare(const Place& place) {
+  makeVictims();
+  reset();
+  if (!place.fallback) return;
+  EXPECT_EQ(0, asAttacker([] { return mkdir("/var/lock/firewall", 0777); }));
+}
+
+// Root gets its answer in a second, with what it must have at the place then.
+void expectRight(const Place& place) {
+  const std::string before = victims();
+  const std::string answered = answer(place.operation);
+  const std::string wrong = fault(place, "");
+  const std::string after = victims();
+  EXPECT_EQ("true", answered);
+  EXPECT_EQ("", wrong);
+  EXPECT_EQ(before, after);
+  if (answered != "true" || !wrong.empty() || before != after) ++counted().wrong;
+}
+
+// --- what can be held on a file of one's own ---
+
+int recordLock(int fd, int command) {
+  struct flock lock = {};
+  lock.l_type = F_WRLCK;
+  return fcntl(fd, command, &lock);
+}
+
+struct Hold {
+  const char* name;
+  int (*take)(int fd);  // 0, or -1 with errno
+  int openFlags;
+};
+
+// clang-format off
+constexpr std::array<Hold, 6> kHolds = {{
+    {"Flock", [](int fd) { return flock(fd, LOCK_EX); }, O_RDWR},
+    {"RecordLock", [](int fd) { return recordLock(fd, F_SETLK); }, O_RDWR},
+    {"OpenFileLock", [](int fd) { return recordLock(fd, F_OFD_SETLK); }, O_RDWR},
+    {"AllLocks", [](int fd) { return flock(fd, LOCK_EX) == 0 ? recordLock(fd, F_OFD_SETLK) : -1; }, O_RDWR},
+    // Whoever opens the file waits until its holder lets go, three quarters of a minute at most.
+    {"WriteLease", [](int fd) { return fcntl(fd, F_SETLEASE, F_WRLCK); }, O_RDWR},
+    {"ReadLease", [](int fd) { return fcntl(fd, F_SETLEASE, F_RDLCK); }, O_RDONLY},
+}};
+// clang-format on
+
+Attack holdAt(const char* path, const Hold& hold) {
+  return Attack::holding([path, &hold] {
+    const int made = open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (made < 0 || close(made) != 0) return -1;
+    const int fd = open(path, hold.openFlags | O_CLOEXEC);
+    return fd < 0 ? -1 : hold.take(fd);
+  });
+}
+
+TEST_F(Races, HeldFilesAreNotWaitedFor) {
+  constexpr unsigned kLeast = 24;
+  for (const Place& place : openPlaces()) {
+    if (place.after == After::kUntouched) continue;
+    for (const Hold& hold : kHolds) {
+      SCOPED_TRACE(std::string(place.name) + " " + hold.name);
+      prepare(place);
+      const Attack attack = holdAt(place.path, hold);
+      const bool lease = std::strstr(hold.name, "Lease") != nullptr;
+      if (lease && attack.error() == EINVAL) {  // a file system without leases
+        ++counted().leasesRefused;
+        continue;
+      }
+      ASSERT_EQ(0, attack.error()) << "the attacker's own part";
+      ++counted().held;
+      expectRight(place);
+    }
+  }
+  EXPECT_GE(counted().held, kLeast);
+}
+
+// A FIFO that can be opened at once, because its maker has both ends open: who reads it waits.
+TEST_F(Races, OpenFifosAreNotWaitedFor) {
+  for (const Place& place : openPlaces()) {
+    if (place.after == After::kUntouched) continue;
+    SCOPED_TRACE(place.name);
+    prepare(place);
+    const Attack attack = Attack::holding([&place] {
+      return mkfifo(place.path, 0666) == 0 && open(place.path, O_RDWR | O_CLOEXEC) >= 0 ? 0 : -1;
+    });
+    ASSERT_EQ(0, attack.error()) << "the attacker's own part";
+    ++counted().held;
+    expectRight(place);
+  }
+}
+
+// Whoever opens a running program for writing is refused.
+TEST_F(Races, RunningProgramsAreNoObstacle) {
+  for (const Place& place : openPlaces()) {
+    if (place.after == After::kUntouched) continue;
+    SCOPED_TRACE(place.name);
+    prepare(place);
+    std::filesystem::copy_file("/bin/sleep", "/tmp/attacker/program");
+    ASSERT_EQ(0, chmod("/tmp/attacker/program", 0755));
+    ASSERT_EQ(0, chown("/tmp/attacker/program", kAttacker, kAttacker));
+    const Attack attack = Attack::holding([&place] {
+      if (rename("/tmp/attacker/program", place.path) != 0) return -1;
+      const pid_t running = fork();
+      if (running == 0) {
+        (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+        (void)execl(place.path, "sleep", "60", nullptr);
+        _exit(1);
+      }
+      const std::string program = "/proc/" + std::to_string(running) + "/exe";
+      return processes::eventually([&] {
+        std::error_code error;
+        return std::filesystem::read_symlink(program, error) == place.path;
+      })
+                 ? 0
+                 : -1;
+    });
+    ASSERT_EQ(0, attack.error()) << "the attacker's own part";
+    ++counted().held;
+    expectRight(place);
+  }
+}
+
+// A directory can only be moved. He has taken the names that it might be moved to.
+TEST_F(Races, NamesForWhatIsMovedAsideCannotBeGuessed) {
+  for (const Place& place : openPlaces()) {
+    if (place.after == After::kUntouched || place.after == After::kGone) continue;
+    SCOPED_TRACE(place.name);
+    prepare(place);
+    ASSERT_EQ(0, asAttacker([&place] { return squatOf("DirectoryFullOfTraps").make(place.path); }));
+    struct stat status = {};
+    ASSERT_EQ(0, lstat(place.path, &status));
+    for (const std::string& suffix : {"." + std::to_string(status.st_ino) + ".moved",
+                                      std::string(".moved"), std::string(".old")}) {
+      const std::string name = place.path + suffix;
+      ASSERT_EQ(0, asAttacker([&name] { return squatOf("File").make(name.c_str()); }));
+    }
+    ++counted().held;
+    const std::string answered = answer(place.operation);
+    EXPECT_EQ("true", answered);
+    if (answered != "true") ++counted().wrong;
+  }
+}
+
+// --- again and again ---
+
+void takeAway(const char* path) {
+  if (unlink(path) == 0 || errno != EISDIR) return;
+  const std::string aside = std::string("/tmp/attacker/") + std::to_string(getpid());
+  if (rename(path, aside.c_str()) == 0) (void)rmdir(aside.c_str());
+}
+
+// Puts it there as soon as there is nothing.
+struct Again {
+  const Squat& squat;
+  const char* path;
+  void operator()() const { (void)squat.make(path); }
+};
+
+// And takes it away as often, so that root sees now this and now nothing.
+struct OnAndOff {
+  const Squat& squat;
+  const char* path;
+  void operator()() const {
+    (void)squat.make(path);
+    takeAway(path);
+  }
+};
+
+template <typename Work>
+void raceAt(const Place& place, const char* squat) {
+  SCOPED_TRACE(std::string(place.name) + " " + squat);
+  prepare(place);
+  const Work work = {squatOf(squat), place.path};
+  const Attack first = Attack::repeating(work);
+  const Attack second = Attack::repeating(work);
+  ++counted().raced;
+  const std::string answered = answer(place.operation);
+  EXPECT_EQ("true", answered);
+  // His own directory is not compared: he works in it himself.
+  const std::string wrong = place.after == After::kGone ? "" : fault(place, "");
+  EXPECT_EQ("", wrong);
+  if (answered != "true" || !wrong.empty()) ++counted().wrong;
+}
+
+TEST_F(Races, WhatComesBackIsOvercome) {
+  const int rounds = 4 * figures::longer();
+  for (int round = 0; round < rounds; ++round) {
+    for (const char* place :
+         {"ExecutionLock", "ModuleRecord", "SettingsLock", "ProfileLock", "ModuleRecordLock"}) {
+      for (const char* squat : {"File", "DanglingLink", "Fifo", "Socket", "Directory"}) {
+        raceAt<Again>(placeOf(place), squat);
+        raceAt<OnAndOff>(placeOf(place), squat);
+      }
+    }
+  }
+}
+
+// Processes of root's that want the lock at once still take turns: what one of them moves away is
+// the attacker's directory, never the lock file that another has just made in its place.
+TEST_F(Races, TurnsAreTakenUnderAttack) {
+  constexpr int kTurns = 25;
+  const Place& place = placeOf("ExecutionLock");
+  const int rounds = 2 * figures::longer();
+  for (int round = 0; round < rounds; ++round) {
+    for (const char* squat : {"Directory", "DirectoryFullOfTraps"}) {
+      SCOPED_TRACE(squat);
+      prepare(place);
+      const Attack attack = Attack::repeating(OnAndOff{squatOf(squat), place.path});
+      const auto work = [] {
+        (void)alarm(60);
+        int overlaps = 0;
+        for (int turn = 0; turn < kTurns; ++turn) {
+          int fd = -1;
+          if (TLIBCFileLockTimeByFile("/tmp/firewall_iptables_exec.lock", 1, 30, &fd) != 1) {
+            return std::string("no lock");
+          }
+          overlaps += mkdir("/run/inside", 0700) == 0 ? 0 : 1;
+          sched_yield();
+          (void)rmdir("/run/inside");
+          // The attacker gets the name back each time.
+          (void)unlink("/tmp/firewall_iptables_exec.lock");
+          (void)TLIBCFileUnlockByFile(fd);
+        }
+        return std::to_string(overlaps) + " overlaps";
+      };
+      processes::Child one(work);
+      processes::Child two(work);
+      processes::Child three(work);
+      for (processes::Child* const child : {&one, &two, &three}) {
+        const std::string answered = child->answer();
+        EXPECT_EQ("0 overlaps", answered);
+        counted().turns += kTurns;
+        counted().wrong += answered == "0 overlaps" ? 0 : 1;
+      }
+    }
+  }
+}
+
+}  // namespace
