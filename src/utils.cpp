@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,6 +25,7 @@
 
 #include "cancellation.h"
 #include "constants.h"
+#include "fileSizeSignal.h"
 #include "files.h"
 #include "log.h"
 #include "tarnfirewall.h"
@@ -48,7 +48,9 @@ constexpr mode_t kLockFileMode = 0600;             // octal: who can open it can
 constexpr mode_t kNewDocumentMode = 0640;          // octal
 constexpr mode_t kWidestDocumentMode = 0660;  // octal: a document others can write is root's rights
 constexpr std::size_t kPathBuffer = 1024;     // bytes, NUL included
-constexpr int kOpenAttempts = 10000;  // who puts a thing in the way each time is once too slow
+constexpr int kOpenAttempts = 10000;       // who puts a thing in the way each time is once too slow
+constexpr int kLeasePauses = 100;          // a second in all
+constexpr useconds_t kLeasePause = 10000;  // microseconds
 
 // Owns a descriptor.
 class Descriptor {
@@ -88,15 +90,18 @@ bool trustedLockFile(int fd) {
 }
 
 // Moves the directory `path` into a new one of our own: no name that its owner could know and take
-// first. The slash behind it keeps out a lock file that was made in its place meanwhile.
+// first. The slash behind it keeps out a lock file that was made in its place meanwhile. Both are
+// removed when it is empty, or they would pile up where space is scarce.
 bool moveDirectoryAside(const std::string& path) {
   std::string aside = path + ".moved-XXXXXX";
   if (mkdtemp(aside.data()) == nullptr) return false;
-  if (rename((path + "/").c_str(), (aside + "/moved").c_str()) == 0) return true;
+  const std::string moved = aside + "/moved";
+  const bool done = rename((path + "/").c_str(), moved.c_str()) == 0;
   const int error = errno;
+  if (done) (void)rmdir(moved.c_str());
   (void)rmdir(aside.c_str());
   errno = error;
-  return false;
+  return done;
 }
 
 // Clears the name `path` of what somebody else put there. What he has taken away or exchanged
@@ -107,8 +112,9 @@ bool moveAside(const std::string& path, const struct stat& squatter) {
   return moved || errno == ENOENT || errno == EISDIR || errno == ENOTDIR;
 }
 
-// The errors of an open() that only something of another user's gives: a link, a directory, a
-// socket, a device without a driver, a file that its owner has leased or is running.
+// The errors of an open() that something in the way gives: a link, a directory, a socket, a device
+// without a driver, a file that is being run, a leased file. A lease may be on a file of our own
+// too, by a file server.
 bool isSquatted(int error) {
   return error == ELOOP || error == EISDIR || error == ENXIO || error == ENODEV ||
          error == EWOULDBLOCK || error == ETXTBSY;
@@ -118,6 +124,7 @@ bool isSquatted(int error) {
 // takes a file that is not ours: the lock directory may be /tmp. Creating comes first, so that
 // nothing lies between clearing the name and the next attempt. -1 with errno on failure.
 int openLockFile(const std::string& path) {
+  int pauses = 0;
   for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
     int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kLockFileMode);
     if (fd < 0 && errno == EEXIST) {
@@ -126,6 +133,7 @@ int openLockFile(const std::string& path) {
     }
     if (fd < 0 && !isSquatted(errno)) return -1;
     if (fd >= 0 && trustedLockFile(fd)) return fd;
+    const bool leased = fd < 0 && errno == EWOULDBLOCK;
 
     // Only what still stands at the name is moved: a lock file that its owner has removed meanwhile
     // is no squatter, and the next one at its name may be in use.
@@ -135,6 +143,7 @@ int openLockFile(const std::string& path) {
         lstat(path.c_str(), &named) != 0 ||
         (fd < 0 ? isOwnFile(named) : fstat(fd, &opened) != 0 || !sameFile(opened, named));
     if (fd >= 0) (void)close(fd);
+    if (leased && replaced && ++pauses <= kLeasePauses) (void)usleep(kLeasePause);
     if (!replaced && !moveAside(path, named)) return -1;
   }
   errno = EPERM;
@@ -146,7 +155,7 @@ int openLockFile(const std::string& path) {
 int descriptorOf(const file_lock& lock, int ours) {
   int number = -1;
   static_assert(sizeof number == sizeof lock);
-  std::memcpy(&number, &lock, sizeof number);
+  std::memcpy(&number, static_cast<const void*>(&lock), sizeof number);
   struct stat mine = {};
   struct stat other = {};
   const bool same = fstat(ours, &mine) == 0 && fstat(number, &other) == 0 && sameFile(mine, other);
@@ -209,40 +218,8 @@ class DocumentLock {
   std::optional<scoped_lock<file_lock>> held_;
 };
 
-// While it lives, a write of this thread beyond the limit on files fails with EFBIG and sends no
-// SIGXFSZ, which would end the program. What was blocked or pending before stays so.
-class FileSizeSignalHold {
- public:
-  FileSizeSignalHold() {
-    sigset_t pending;
-    (void)sigemptyset(&signal_);
-    (void)sigaddset(&signal_, SIGXFSZ);
-    (void)sigpending(&pending);
-    wasPending_ = sigismember(&pending, SIGXFSZ) == 1;
-    (void)pthread_sigmask(SIG_BLOCK, &signal_, &before_);
-  }
-  ~FileSizeSignalHold() {
-    const int error = errno;
-    sigset_t pending;
-    const timespec now = {};
-    (void)sigpending(&pending);
-    if (!wasPending_ && sigismember(&pending, SIGXFSZ) == 1) {
-      (void)sigtimedwait(&signal_, nullptr, &now);
-    }
-    (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-    errno = error;
-  }
-  FileSizeSignalHold(const FileSizeSignalHold&) = delete;
-  FileSizeSignalHold& operator=(const FileSizeSignalHold&) = delete;
-
- private:
-  sigset_t signal_;
-  sigset_t before_;
-  bool wasPending_ = false;
-};
-
 bool writeAll(int fd, const std::string& text) {
-  const FileSizeSignalHold noSignal;
+  const tarn::FileSizeSignalHold noSignal;
   std::size_t written = 0;
   while (written < text.size()) {
     const ssize_t count = write(fd, text.data() + written, text.size() - written);
@@ -337,7 +314,7 @@ std::string getLockFile(const std::string& path) {
 }
 
 bool jsonFileLoad(Json::Value& value, const std::string& path) {
-  const FW::CancellationHold noCancellation;
+  const tarn::CancellationHold noCancellation;
   if (access(path.c_str(), F_OK) != 0) {
     return here().fail("File %s does not exist", path.c_str());
   }
@@ -360,7 +337,7 @@ bool jsonFileDump(const Json::Value& value, const std::string& path) {
   // The path of a profile that vanished between two looks at the directory is empty. Its temporary
   // file would lie in the caller's working directory.
   if (path.empty()) return here().fail("Failed to rename to %s", path.c_str());
-  const FW::CancellationHold noCancellation;
+  const tarn::CancellationHold noCancellation;
   DocumentLock lock(path);
   if (!lock.take()) return here().fail("Failed to get lock timeout");
 

@@ -213,7 +213,7 @@ bool tarnplatform::isKey(const std::string& text) {
 }
 
 int TLIBCFileGetKeyValue(const char* file, const char* key, char* buffer, int size, int /*flags*/) {
-  const tarnrun::CancellationHold noCancellation;
+  const tarn::CancellationHold noCancellation;
   try {
     return getValue(file, key, buffer, size);
   } catch (const std::exception&) {
@@ -222,7 +222,7 @@ int TLIBCFileGetKeyValue(const char* file, const char* key, char* buffer, int si
 }
 
 int TLIBCFileSetKeyValue(const char* file, const char* key, const char* value, int /*flags*/) {
-  const tarnrun::CancellationHold noCancellation;
+  const tarn::CancellationHold noCancellation;
   try {
     return setValue(file, key, value);
   } catch (const std::exception&) {
@@ -231,7 +231,7 @@ int TLIBCFileSetKeyValue(const char* file, const char* key, const char* value, i
 }
 
 int TLIBCFileCheckKeyValue(const char* file, const char* key, const char* value, int /*flags*/) {
-  const tarnrun::CancellationHold noCancellation;
+  const tarn::CancellationHold noCancellation;
   try {
     std::string found;
     return value != nullptr && readValue(file, key, &found) == 0 && found == value ? 1 : 0;

@@ -390,7 +390,7 @@ int handle(const char* servName, const TLIBCSZLIST* modules,
     errno = EINVAL;
     return -1;
   }
-  const tarnrun::CancellationHold noCancellation;
+  const tarn::CancellationHold noCancellation;
   try {
     std::vector<std::string> names;
     const bool valid = moduleNames(modules, &names);

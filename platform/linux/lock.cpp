@@ -44,11 +44,17 @@ bool setRecordLock(int fd, short type) {
   return fcntl(fd, F_OFD_SETLK, &lock) == 0;
 }
 
+bool isOwnAt(const Place& place) {
+  struct stat named = {};
+  return fstatat(place.directory.get(), place.name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+         isOwnFile(named);
+}
+
 // The lock file, made when it is absent. Invalid with errno set; EEXIST: the name has changed
-// meanwhile or was cleared, try again. What exists is opened without O_CREAT: the kernel refuses
-// O_CREAT on a foreign file in a sticky directory even to root, so that any user could keep the
-// lock from ever being taken. Making it comes first, so that nothing lies between clearing the name
-// and the next attempt.
+// meanwhile or was cleared, try again; EWOULDBLOCK: a file server has leased it, wait. What exists
+// is opened without O_CREAT: the kernel refuses O_CREAT on a foreign file in a sticky directory
+// even to root, so that any user could keep the lock from ever being taken. Making it comes first,
+// so that nothing lies between clearing the name and the next attempt.
 Descriptor openLockFile(const Place& place, const char* pathToLog) {
   const int directory = place.directory.get();
   Descriptor file(
@@ -61,6 +67,10 @@ Descriptor openLockFile(const Place& place, const char* pathToLog) {
     return file;
   }
   struct stat status = {};
+  if (!file.valid() && errno == EWOULDBLOCK && isOwnAt(place)) {
+    errno = EWOULDBLOCK;
+    return file;
+  }
   if (!file.valid() || fstat(file.get(), &status) != 0 || !isOwnFile(status)) {
     file.reset();
     if (clearName(directory, place.name, pathToLog)) {
@@ -91,7 +101,9 @@ Attempt tryLock(const char* path, bool log, Descriptor* lock) {
   }
   Descriptor file = openLockFile(place, log ? path : nullptr);
   if (!file.valid()) {
-    return errno == EEXIST || errno == EINTR ? Attempt::kMoved : Attempt::kFailed;
+    return errno == EWOULDBLOCK                ? Attempt::kBusy
+           : errno == EEXIST || errno == EINTR ? Attempt::kMoved
+                                               : Attempt::kFailed;
   }
   if (flock(file.get(), LOCK_EX | LOCK_NB) != 0 || !setRecordLock(file.get(), F_WRLCK)) {
     const bool busy = errno == EWOULDBLOCK || errno == EACCES || errno == EINTR;
@@ -111,7 +123,7 @@ int TLIBCFileLockTimeByFile(const char* path, int mode, int seconds, int* fd) {
     errno = EINVAL;
     return 0;
   }
-  const tarnrun::CancellationHold noCancellation;
+  const tarn::CancellationHold noCancellation;
   const int64_t deadline = tarnrun::monotonicNow() + seconds * tarnrun::kNanosecondsPerSecond;
   for (int moves = 0;;) {
     Descriptor lock;
@@ -135,7 +147,7 @@ int TLIBCFileLockTimeByFile(const char* path, int mode, int seconds, int* fd) {
 }
 
 int TLIBCFileUnlockByFile(int fd) {
-  const tarnrun::CancellationHold noCancellation;
+  const tarn::CancellationHold noCancellation;
   // Unlocked before it is closed: a process forked meanwhile may hold a copy of the descriptor.
   const bool unlocked = setRecordLock(fd, F_UNLCK) && flock(fd, LOCK_UN) == 0;
   return close(fd) == 0 && unlocked ? 1 : 0;

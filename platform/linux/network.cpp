@@ -306,7 +306,7 @@ int TLIBNetGetInterfaceInfo(TLIBNETIF* table, int capacity, int kind) {
     errno = EINVAL;
     return -1;
   }
-  const tarnrun::CancellationHold noCancellation;
+  const tarn::CancellationHold noCancellation;
   try {
     return listInterfaces(table, static_cast<size_t>(capacity));
   } catch (const std::exception&) {
@@ -321,7 +321,7 @@ int TARNPPPoeIntfGet(char* buffer, int size) {
     errno = EINVAL;
     return -1;
   }
-  const tarnrun::CancellationHold noCancellation;
+  const tarn::CancellationHold noCancellation;
   try {
     return writePppoeInterface(buffer, static_cast<size_t>(size));
   } catch (const std::exception&) {

@@ -83,7 +83,7 @@ bool isPacketFilterTool(const char* path) noexcept {
 }
 
 Outcome runPacketFilterTool(const Program& program) {
-  const CancellationHold noCancellation;
+  const tarn::CancellationHold noCancellation;
   const Descriptor lock = takeXtablesLock();
   Program tool = program;
   tool.environment = lock.valid() ? kEnvironmentUnderLock : kFixedEnvironment;

@@ -200,7 +200,7 @@ int TLIBPluginAction(int action, TLIBPLUGIN* plugin) {
   if (plugin == nullptr || (action != kActionPre && action != kActionPost)) {
     return fail(kErrorArgument, EINVAL, __LINE__);
   }
-  const tarnrun::CancellationHold noCancellation;
+  const tarn::CancellationHold noCancellation;
   try {
     return runPlugins(*plugin, action == kActionPre ? "pre" : "post") ? 0 : -1;
   } catch (const std::exception&) {

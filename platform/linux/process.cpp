@@ -87,7 +87,7 @@ int TLIBCExecv(const char* path, char* const argv[], int wait) {
     errno = EINVAL;
     return -1;
   }
-  const tarnrun::CancellationHold noCancellation;
+  const tarn::CancellationHold noCancellation;
   char printed[kWordsTextBytes];
   tarnrun::Program program;
   program.path = path;

@@ -364,7 +364,7 @@ bool isShortage(int error) noexcept {
 }  // namespace
 
 Outcome runProgram(const Program& program) {
-  const CancellationHold noCancellation;
+  const tarn::CancellationHold noCancellation;
   const SignalHold noSignals;
   if (program.words != nullptr && program.wordsSize > 0) {
     program.words[0] = '\0';

@@ -303,7 +303,7 @@ int TARNFwServiceEnum(TARNFW_SERVICE_LIST** list) {
     errno = EINVAL;
     return -1;
   }
-  const tarnrun::CancellationHold noCancellation;
+  const tarn::CancellationHold noCancellation;
   try {
     auto loaded = std::make_unique<TARNFW_SERVICE_LIST>();
     if (!addServices(kDatabase, &loaded->services) || !addDropIns(&loaded->services)) {

@@ -45,7 +45,7 @@ bool readAll(int fd, size_t limit, std::string* text) {
 }
 
 bool writeAll(int fd, const std::string& text) {
-  const FileSizeSignalHold noSignal;
+  const tarn::FileSizeSignalHold noSignal;
   size_t done = 0;
   while (done < text.size()) {
     const ssize_t length = write(fd, text.data() + done, text.size() - done);

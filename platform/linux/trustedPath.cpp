@@ -3,31 +3,31 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/random.h>
 #include <unistd.h>
 
 #include <utility>
 
-#include "clock.h"
 #include "log.h"
 
 namespace tarnplatform {
 
 namespace {
 
-// Moves a directory, and nothing else that may have taken its place meanwhile: the slash behind the
-// name sees to that.
-bool renameAside(int directory, const char* name) {
-  char aside[NAME_MAX + 1];
-  char only[NAME_MAX + 2];
-  (void)snprintf(only, sizeof only, "%s/", name);
+// Makes a directory beside `name` under a name nobody can have guessed.
+bool makeAside(int directory, const char* name, char (&aside)[NAME_MAX + 1]) {
   constexpr int kTries = 100;
   for (int i = 0; i < kTries; ++i) {
-    const auto mark =
-        static_cast<unsigned long long>(tarnrun::monotonicNow()) + static_cast<unsigned>(i);
-    (void)snprintf(aside, sizeof aside, "%.200s.moved-%llx", name, mark);
-    if (renameat2(directory, only, directory, aside, RENAME_NOREPLACE) == 0) {
+    uint64_t mark = 0;
+    if (getrandom(&mark, sizeof mark, 0) != static_cast<ssize_t>(sizeof mark)) {
+      return false;
+    }
+    (void)snprintf(aside, sizeof aside, "%.200s.moved-%016llx", name,
+                   static_cast<unsigned long long>(mark));
+    if (mkdirat(directory, aside, 0700) == 0) {
       return true;
     }
     if (errno != EEXIST) {
@@ -35,6 +35,27 @@ bool renameAside(int directory, const char* name) {
     }
   }
   return false;
+}
+
+// Clears the name of a directory, and of nothing else that may have taken its place meanwhile: the
+// slash behind the name sees to that. It is moved into a new directory of our own; both are removed
+// when it is empty, or they would pile up where space is scarce. Answers what became of it, nullptr
+// with errno set when it still stands there.
+const char* clearDirectory(int directory, const char* name) {
+  char aside[NAME_MAX + 1];
+  char only[NAME_MAX + 2];
+  char moved[NAME_MAX + sizeof "/moved"];
+  if (!makeAside(directory, name, aside)) {
+    return nullptr;
+  }
+  (void)snprintf(only, sizeof only, "%s/", name);
+  (void)snprintf(moved, sizeof moved, "%s/moved", aside);
+  const bool done = renameat(directory, only, directory, moved) == 0;
+  const int error = errno;
+  const bool removed = done && unlinkat(directory, moved, AT_REMOVEDIR) == 0;
+  (void)unlinkat(directory, aside, AT_REMOVEDIR);
+  errno = error;
+  return removed ? "removed" : done ? "renamed" : nullptr;
 }
 
 }  // namespace
@@ -79,15 +100,15 @@ bool clearName(int directory, const char* name, const char* path) {
   if (isOwnFile(status)) {
     return true;  // somebody of ours was faster
   }
-  const bool isDirectory = S_ISDIR(status.st_mode);
-  // What its owner has taken away or exchanged meanwhile is looked at again by the caller.
-  const bool cleared =
-      (isDirectory ? renameAside(directory, name) : unlinkat(directory, name, 0) == 0) ||
-      errno == ENOENT || errno == EISDIR || errno == ENOTDIR;
+  const char* const done = S_ISDIR(status.st_mode)             ? clearDirectory(directory, name)
+                           : unlinkat(directory, name, 0) == 0 ? "removed"
+                                                               : nullptr;
   const int error = errno;
-  const char* const result = !cleared ? errorText(error) : isDirectory ? "renamed" : "removed";
+  // What its owner has taken away or exchanged meanwhile is looked at again by the caller.
+  const bool cleared = done != nullptr || error == ENOENT || error == EISDIR || error == ENOTDIR;
   if (path != nullptr) {
-    here().error("%s: something of user %u stood in the way: %s", path, status.st_uid, result);
+    here().error("%s: something of user %u stood in the way: %s", path, status.st_uid,
+                 done != nullptr ? done : errorText(error));
   }
   errno = error;
   return cleared;

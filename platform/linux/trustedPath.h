@@ -24,13 +24,14 @@ bool openPlace(const char* path, Place* place);
 // the caller or to root.
 bool isOwnFile(const struct stat& status);
 
-// True for the errors of an open() that only something of another user's gives: a link, a
-// directory, a socket, a device without a driver, a file that its owner has leased or is running.
+// True for the errors of an open() that something in the way gives: a link, a directory, a socket,
+// a device without a driver, a file that is being run, a leased file. A lease (EWOULDBLOCK) may be
+// on an own file too, by a file server.
 bool isSquatted(int error);
 
-// Frees the name from what stands there and is not an own file: a directory is renamed, anything
-// else is unlinked. Says so in the log under `path`, if it is given. False with errno set when it
-// cannot be freed.
+// Frees the name from what stands there and is not an own file: a directory that is not empty is
+// moved into a new one beside it, anything else is removed. Says so in the log under `path`, if it
+// is given. False with errno set when it cannot be freed.
 bool clearName(int directory, const char* name, const char* path);
 
 }  // namespace tarnplatform

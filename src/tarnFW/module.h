@@ -3,7 +3,7 @@
 #ifndef TARNFW_SRC_TARNFW_MODULE_H
 #define TARNFW_SRC_TARNFW_MODULE_H
 
-#include "../cancellation.h"
+#include "cancellation.h"
 #include "log.h"
 #include "tarnfirewall.h"
 
@@ -27,7 +27,7 @@ void openPolicies() noexcept;
 // A thread that is cancelled meanwhile is cancelled when the policies are open again.
 template <class Apply>
 bool throughDropPeriod(TARNFW& firewall, Apply apply) {
-  const CancellationHold noCancellation;
+  const tarn::CancellationHold noCancellation;
   try {
     if (!firewall.fwDefaultDrop()) return false;
     bool applied = apply();

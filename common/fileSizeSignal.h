@@ -1,13 +1,13 @@
-// Writing under a limit on the size of files.
+// Writing under a limit on the size of files. For the library and its platform alike.
 
-#ifndef TARN_PLATFORM_LINUX_FILESIZESIGNAL_H
-#define TARN_PLATFORM_LINUX_FILESIZESIGNAL_H
+#ifndef TARN_COMMON_FILESIZESIGNAL_H
+#define TARN_COMMON_FILESIZESIGNAL_H
 
 #include <errno.h>
 #include <signal.h>
 #include <time.h>
 
-namespace tarnplatform {
+namespace tarn {
 
 // While it lives, a write of this thread beyond the limit (RLIMIT_FSIZE) fails with EFBIG and sends
 // no SIGXFSZ, which would end the process. What was blocked or pending before stays so.
@@ -41,6 +41,6 @@ class FileSizeSignalHold {
   bool wasPending_ = false;
 };
 
-}  // namespace tarnplatform
+}  // namespace tarn
 
 #endif

@@ -1,15 +1,15 @@
-// Puts off the cancellation of the calling thread until the end of the scope.
-//
-// Nearly every system call is a cancellation point, close() in a destructor included, and a
-// cancellation that leaves a destructor ends the whole process, without a handler being asked.
+// Thread cancellation and functions that must end. For the library and its platform alike.
 
-#ifndef TARNFW_SRC_CANCELLATION_H
-#define TARNFW_SRC_CANCELLATION_H
+#ifndef TARN_COMMON_CANCELLATION_H
+#define TARN_COMMON_CANCELLATION_H
 
 #include <pthread.h>
 
-namespace FW {
+namespace tarn {
 
+// Puts off the cancellation of the calling thread until the end of the scope. Nearly every system
+// call is a cancellation point, close() in a destructor included, and a cancellation that leaves a
+// destructor ends the whole process, without a handler being asked.
 class CancellationHold {
  public:
   CancellationHold() noexcept { (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state_); }
@@ -22,6 +22,6 @@ class CancellationHold {
   int state_ = PTHREAD_CANCEL_ENABLE;
 };
 
-}  // namespace FW
+}  // namespace tarn
 
 #endif
