@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -22,7 +21,8 @@ struct Stat {
 // None of a process that has ended: a zombie only waits for whoever collects it.
 std::optional<Stat> statOf(const std::filesystem::path& process) {
   std::ifstream file(process / "stat");
-  const std::string text(std::istreambuf_iterator<char>(file), {});
+  std::string text;
+  std::getline(file, text, '\0');            // a process that ends meanwhile makes the reading fail
   const std::size_t name = text.rfind(')');  // the name may have blanks and brackets of its own
   if (name == std::string::npos) return std::nullopt;
   std::istringstream fields(text.substr(name + 1));
@@ -54,10 +54,11 @@ bool lives(const ProcessId& process) {
 
 bool anyoneIn(pid_t session) {
   std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
-    const char first = entry.path().filename().string().front();
+  std::filesystem::directory_iterator entry("/proc", error);
+  for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+    const char first = entry->path().filename().string().front();
     if (first < '0' || first > '9') continue;
-    const std::optional<Stat> stat = statOf(entry.path());
+    const std::optional<Stat> stat = statOf(entry->path());
     if (stat && stat->session == session) return true;
   }
   return false;

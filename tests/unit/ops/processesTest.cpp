@@ -61,4 +61,20 @@ TEST(Processes, NobodyIsLeftInASessionThatEnded) {
   EXPECT_FALSE(ops::anyoneIn(child.number()));
 }
 
+// Reading of a process fails when it has ended since its file was opened.
+TEST(Processes, EndWhileTheyAreLookedAt) {
+  const pid_t breeder = fork();
+  if (breeder == 0) {
+    (void)signal(SIGCHLD, SIG_IGN);
+    for (;;) {
+      if (fork() == 0) _exit(0);
+    }
+  }
+  constexpr pid_t kNobody = 0x7fffffff;
+  constexpr int kLooks = 1000;
+  for (int look = 0; look < kLooks; ++look) EXPECT_FALSE(ops::anyoneIn(kNobody));
+  (void)kill(breeder, SIGKILL);
+  (void)waitpid(breeder, nullptr, 0);
+}
+
 }  // namespace
