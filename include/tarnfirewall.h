@@ -43,7 +43,8 @@ bool jsonFileLoad(Json::Value& value, const std::string& path);
 
 // Replaces the document at `path` by the styled rendering of `value`, under the document's lock (30
 // s at most): PATH.tmp is written and flushed to disk, then renamed. After a failure the old
-// document is as it was; PATH.tmp may stay behind. A new document gets mode 0640.
+// document is as it was; PATH.tmp may stay behind. A new document gets mode 0640. An empty path
+// fails before anything is done: PATH.tmp would be in the working directory.
 bool jsonFileDump(const Json::Value& value, const std::string& path);
 
 namespace FW {

@@ -18,6 +18,7 @@
 
 #include <json/value.h>
 
+#include "cancellation.h"
 #include "cleanup.h"
 #include "log.h"
 #include "tarnfirewall.h"
@@ -99,6 +100,7 @@ void FW_GEOIP::ParseV6(const in6_addr* first, const in6_addr* last, Json::Value&
 
 int FW_GEOIP::geoipFileRead(const std::string& country, Json::Value& element, Json::Value& list,
                             bool ipv6) {
+  const tarn::CancellationHold noCancellation;
   const std::string path = kDirectory + country + (ipv6 ? ".iv6" : ".iv4");
   const int fd = openRanges(path.c_str());
   if (fd < 0) {
@@ -137,6 +139,7 @@ bool FW_GEOIP::countryIPGet(const std::string& country, const bool& ipv6, Json::
 }
 
 bool FW_GEOIP::countryEnum(std::vector<std::string>& codes) {
+  const tarn::CancellationHold noCancellation;
   DIR* directory = opendir(kDirectory);
   if (directory == nullptr) return here().fail("Failed to opendir %s", kDirectory);
   const Cleanup release([directory] { (void)closedir(directory); });

@@ -1,4 +1,4 @@
-// What may stand as a key in a key/value file; other files of the platform name the same things.
+// What may stand as a key in a key/value file. The names of services must be such keys.
 
 #ifndef TARN_PLATFORM_LINUX_KEYVALUE_H
 #define TARN_PLATFORM_LINUX_KEYVALUE_H
