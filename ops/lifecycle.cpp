@@ -268,17 +268,20 @@ bool hasRules(const LiveFilter& filter) {
 
 // A reload that had begun before "status" was recorded fills the chains again after they were
 // flushed. By the time the lock is had it is over. Refused flushes are judged here, by what is
-// left: a machine that never had the chains is as empty as one can be. Tables that cannot be read
-// are found out by the look at the policies that follows.
+// left: a machine that never had the chains is as empty as one can be. A table that cannot be read
+// is found out by the look at the policies that follows.
 bool disableAndStayEmpty() {
   FW::TARNFW firewall;
   if (!firewall.fwDisable()) return false;
   const ExecutionLock lock;
   LiveFilter filter;
   std::string reason;
-  if (!lock.held() || !readFilter(filter, reason) || !hasRules(filter) || enabledNow()) return true;
+  if (!lock.held()) return true;
+  (void)readFilter(filter, reason);
+  if (!hasRules(filter) || enabledNow()) return true;
   (void)firewall.fwClear();
-  if (readFilter(filter, reason) && !hasRules(filter)) return true;
+  (void)readFilter(filter, reason);
+  if (!hasRules(filter)) return true;
   (void)std::fprintf(stderr, "rules are left in the firewall chains\n");
   return false;
 }

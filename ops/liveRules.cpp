@@ -85,7 +85,14 @@ bool readRules(Family family, LiveRules& rules, std::string& reason) {
 }
 
 bool readFilter(LiveFilter& filter, std::string& reason) {
-  return readRules(Family::kV4, filter.v4, reason) && readRules(Family::kV6, filter.v6, reason);
+  std::string reasons;
+  for (const Family family : kFamilies) {
+    std::string why;
+    if (!readRules(family, filter.of(family), why)) reasons += (reasons.empty() ? "" : ", ") + why;
+  }
+  if (reasons.empty()) return true;
+  reason = reasons;
+  return false;
 }
 
 std::vector<std::string> baseChainLines(const LiveFilter& filter) {
@@ -99,7 +106,7 @@ std::vector<std::string> baseChainLines(const LiveFilter& filter) {
 std::vector<std::string> missingChains(const LiveFilter& filter) {
   std::vector<std::string> missing;
   for (const Family family : kFamilies) {
-    if (filter.of(family).policies.empty()) continue;
+    if (!filter.of(family).known()) continue;
     for (const char* chain : kBaseChains) {
       if (!filter.of(family).has(chain)) {
         missing.push_back(std::string(chain) + " (" + titleOf(family) + ")");

@@ -47,6 +47,8 @@ struct LiveRules {
   std::vector<std::string> marks() const;
   // Are the INPUT and FORWARD policies ACCEPT?
   bool open() const;
+  // Was it read? A table that was has its built-in chains.
+  bool known() const { return !policies.empty(); }
 };
 
 // The filter tables of both families.
@@ -63,7 +65,8 @@ struct LiveFilter {
 // Reads what "-S" prints; lines of any other kind (the tools' warnings) are skipped.
 LiveRules parseRules(const std::string& text);
 
-// Reads one family, or both. False with the reason in `reason` when a tool does not answer.
+// Reads one family, or both. False with the reason in `reason` when a tool does not answer; its
+// family is left as it is, the other one is read all the same.
 bool readRules(Family family, LiveRules& rules, std::string& reason);
 bool readFilter(LiveFilter& filter, std::string& reason);
 
@@ -72,7 +75,7 @@ bool readFilter(LiveFilter& filter, std::string& reason);
 std::vector<std::string> baseChainLines(const LiveFilter& filter);
 
 // Names the base chains that `filter` lacks, as "INPUT_FIREWALL (IPv4)". A family that was not
-// read, and so has no built-in chain either, lacks none.
+// read lacks none.
 std::vector<std::string> missingChains(const LiveFilter& filter);
 
 // One sentence on missing chains.

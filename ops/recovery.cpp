@@ -1,5 +1,7 @@
 #include "recovery.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,11 +19,14 @@
 
 #include "jsonText.h"
 #include "linux/closedPolicies.h"
+#include "linux/descriptor.h"
 #include "processes.h"
 #include "runtimeFiles.h"
 
 namespace ops {
 namespace {
+
+constexpr mode_t kRecordMode = 0600;
 
 // The record of a worker that counts.
 //   done  nobody is left who could close a policy on the worker's behalf
@@ -49,7 +54,8 @@ std::optional<ProcessId> workerOf(const std::filesystem::path& file) {
 std::vector<std::string> policiesIn(const std::string& file) {
   std::vector<std::string> policies;
   std::ifstream stream(file, std::ios::binary);
-  const std::string text(std::istreambuf_iterator<char>(stream), {});
+  std::string text;
+  std::getline(stream, text, '\0');  // an error of the reading ends it, without an exception
   Json::Value record;
   try {
     if (!parseJson(text, record) || !record.isArray()) return policies;
@@ -109,8 +115,11 @@ std::vector<std::string> deletionOf(const std::string& rule) {
   return words;
 }
 
-Recovery planFor(const LiveFilter& filter, const std::vector<std::string>& record) {
+//   unread  why a family could not be read, or empty
+Recovery planFor(const LiveFilter& filter, const std::vector<std::string>& record,
+                 const std::string& unread) {
   Recovery plan;
+  if (!unread.empty()) plan.errors.push_back(unread);
   plan.marks = filter.marks();
   plan.commands = recoveryCommands(filter, record);
   return plan;
@@ -124,8 +133,9 @@ std::vector<Command> recoveryCommands(const LiveFilter& filter,
   std::vector<Command> commands;
   for (const Family family : kFamilies) {
     for (const GuardedChain& chain : kGuardedChains) {
-      const bool ours = marked || std::find(record.begin(), record.end(),
-                                            policyName(family, chain.builtIn)) != record.end();
+      const bool ours = (marked && filter.of(family).known()) ||
+                        std::find(record.begin(), record.end(),
+                                  policyName(family, chain.builtIn)) != record.end();
       if (ours && !isOpen(filter.of(family), chain.builtIn)) {
         commands.push_back({family, {"--policy", chain.builtIn, "ACCEPT"}});
       }
@@ -156,10 +166,13 @@ bool writeOpenPolicies(const std::vector<std::string>& policies) {
   for (const std::string& policy : policies) record.append(policy);
   if (!makeRuntimeDirectory()) return false;
   // Nobody else writes it, and one that is cut short by our end names nothing that we have closed.
-  std::ofstream stream(recordOf(ownProcess()), std::ios::binary);
-  stream << compactJson(record);
-  stream.close();
-  return static_cast<bool>(stream);
+  const tarnrun::Descriptor file(open(recordOf(ownProcess()).c_str(),
+                                      O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+                                      kRecordMode));
+  if (!file.valid() || fchmod(file.get(), kRecordMode) != 0) return false;
+  const std::string text = compactJson(record);
+  // A memory file system writes this little at once or not at all.
+  return write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
 void forgetOpenPolicies() {
@@ -169,21 +182,20 @@ void forgetOpenPolicies() {
 std::vector<std::string> recordedOpenPolicies() { return policiesOf(readRecords()); }
 
 Recovery recover(LiveFilter& filter) {
-  std::string reason;
-  Recovery recovery;
   // Who is left is asked before the tables are read: a tool that ends in between has closed its
   // policy after that, and its worker's record is still needed.
   const std::vector<Record> records = readRecords();
-  if (!readFilter(filter, reason)) {
-    recovery.errors.push_back(reason);
-    return recovery;
-  }
-  recovery = planFor(filter, policiesOf(records));
+  std::string unread;
+  (void)readFilter(filter, unread);  // planned for what could be read
+  Recovery recovery = planFor(filter, policiesOf(records), unread);
   for (const Command& command : recovery.commands) {
     const ToolRun result = run(command);
     if (result.status != 0) recovery.errors.push_back(command.text() + ": " + result.words());
   }
-  if (!recovery.commands.empty() && !readFilter(filter, reason)) recovery.errors.push_back(reason);
+  std::string reason;
+  if (!recovery.commands.empty() && !readFilter(filter, reason) && reason != unread) {
+    recovery.errors.push_back(reason);
+  }
   if (!recovery.errors.empty()) return recovery;
   for (const Record& record : records) {
     if (record.done) (void)unlink(record.file.c_str());
@@ -199,12 +211,10 @@ Recovery recover(LiveFilter& filter) {
 }
 
 Recovery planRecovery() {
-  std::string reason;
+  std::string unread;
   LiveFilter filter;
-  if (readFilter(filter, reason)) return planFor(filter, recordedOpenPolicies());
-  Recovery plan;
-  plan.errors.push_back(reason);
-  return plan;
+  (void)readFilter(filter, unread);  // planned for what could be read
+  return planFor(filter, recordedOpenPolicies(), unread);
 }
 
 }  // namespace ops

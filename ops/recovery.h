@@ -43,7 +43,8 @@ struct Recovery {
 };
 
 // The commands that open the policies and remove every mark. Policies come first: should this be
-// interrupted too, the mark is still there to tell.
+// interrupted too, the mark is still there to tell. Of a family that could not be read, the
+// policies that the record names are opened unseen: for all we know they are closed.
 //   record  what openPolicies() gave when a supervised reload began
 std::vector<Command> recoveryCommands(const LiveFilter& filter,
                                       const std::vector<std::string>& record);
@@ -60,9 +61,9 @@ void forgetOpenPolicies();
 std::vector<std::string> recordedOpenPolicies();
 
 // Looks, and undoes what is to be undone. The caller holds the execution lock, as a reload that
-// lives does for as long as its mark is there. After success, the records that are done with are
-// gone.
-//   filter  what the filter tables hold afterwards
+// lives does for as long as its mark is there. A family that cannot be read is an error, and keeps
+// nothing shut in the other one. After success, the records that are done with are gone.
+//   filter  what the filter tables hold afterwards, as far as they can be read
 Recovery recover(LiveFilter& filter);
 
 // What recover() would run now.

@@ -28,6 +28,7 @@
 #include "fileSizeSignal.h"
 #include "files.h"
 #include "log.h"
+#include "newDocument.h"
 #include "tarnfirewall.h"
 
 namespace {
@@ -143,7 +144,13 @@ int openLockFile(const std::string& path) {
         lstat(path.c_str(), &named) != 0 ||
         (fd < 0 ? isOwnFile(named) : fstat(fd, &opened) != 0 || !sameFile(opened, named));
     if (fd >= 0) (void)close(fd);
-    if (leased && replaced && ++pauses <= kLeasePauses) (void)usleep(kLeasePause);
+    if (leased && isOwnFile(named)) {
+      if (++pauses > kLeasePauses) {
+        errno = EWOULDBLOCK;
+        return -1;
+      }
+      (void)usleep(kLeasePause);
+    }
     if (!replaced && !moveAside(path, named)) return -1;
   }
   errno = EPERM;
@@ -306,11 +313,27 @@ std::string getLockFile(const std::string& path) {
   (void)std::snprintf(buffer, sizeof buffer, "%s", path.c_str());
   std::string lockFile = std::string(directory) + basename(buffer) + ".lock";
   if (access(lockFile.c_str(), F_OK) != 0) {
-    const Descriptor created(open(lockFile.c_str(),
-                                  O_WRONLY | O_CREAT | O_EXCL | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
-                                  kLockFileMode));
+    // Closed here and not by a destructor, out of which no cancellation may come.
+    const int created =
+        open(lockFile.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+             kLockFileMode);
+    if (created >= 0) (void)close(created);
   }
   return lockFile;
+}
+
+bool FW::claimNewDocument(const std::string& path) {
+  const tarn::CancellationHold noCancellation;
+  DocumentLock lock(path);
+  if (!lock.take()) return true;
+  if (access(path.c_str(), F_OK) == 0) return false;
+  const std::string temporary = path + ".tmp";
+  Descriptor file(
+      open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!file.open()) return errno != EEXIST;
+  if (access(path.c_str(), F_OK) != 0) return true;
+  (void)unlink(temporary.c_str());  // a thread of this process was faster; locks keep none out
+  return false;
 }
 
 bool jsonFileLoad(Json::Value& value, const std::string& path) {

@@ -17,14 +17,20 @@ constexpr mode_t kMode = 0600;
 constexpr time_t kOldSeconds = 60;
 
 struct FileName {
-  char text[64];
+  char text[96];
 };
+
+// The inode number of the network namespace that the tools of this thread work in; 0 without /proc.
+unsigned long long networkNamespace() noexcept {
+  struct stat status = {};
+  return stat("/proc/thread-self/ns/net", &status) == 0 ? status.st_ino : 0;
+}
 
 FileName fileOf(const char* tool, const char* chain) noexcept {
   const char* const slash = strrchr(tool, '/');
   FileName name = {};
-  (void)snprintf(name.text, sizeof name.text, "%s/closed_policy.%s.%s", kDirectory,
-                 slash == nullptr ? tool : slash + 1, chain);
+  (void)snprintf(name.text, sizeof name.text, "%s/closed_policy.%s.%s.%llu", kDirectory,
+                 slash == nullptr ? tool : slash + 1, chain, networkNamespace());
   return name;
 }
 
@@ -52,13 +58,18 @@ PolicyNote::PolicyNote(char* const argv[]) noexcept : tool_(argv[0]), chain_(nul
 }
 
 // A machine on which it cannot be noted is no worse off than without.
-void PolicyNote::before() const noexcept {
+void PolicyNote::before() noexcept {
   if (effect_ != Effect::kCloses) {
     return;
   }
   (void)mkdir(kDirectory, kDirectoryMode);
-  const int file = open(fileOf(tool_, chain_).text,
-                        O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kMode);
+  const FileName name = fileOf(tool_, chain_);
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  int file = open(name.text, kFlags | O_EXCL, kMode);
+  created_ = file >= 0;
+  if (!created_) {
+    file = open(name.text, kFlags, kMode);
+  }
   if (file >= 0) {
     (void)futimens(file, nullptr);  // an old note is a new one now
     (void)close(file);
@@ -66,7 +77,9 @@ void PolicyNote::before() const noexcept {
 }
 
 void PolicyNote::after(int status) const noexcept {
-  if (effect_ == Effect::kOpens && status == 0) {
+  const bool opened = effect_ == Effect::kOpens && status == 0;
+  const bool refused = effect_ == Effect::kCloses && created_ && status > 0;
+  if (opened || refused) {
     (void)unlink(fileOf(tool_, chain_).text);
   }
 }

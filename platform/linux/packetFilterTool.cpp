@@ -89,7 +89,7 @@ Outcome runPacketFilterTool(const Program& program) {
   tool.environment = lock.valid() ? kEnvironmentUnderLock : kFixedEnvironment;
   tool.ownGroup = true;  // a key pressed at the caller's terminal must not end it half way
   const AttemptOutput output(tool);
-  const PolicyNote note(tool.argv);
+  PolicyNote note(tool.argv);
   note.before();
   int64_t pause = kFirstPause;
   for (int attempt = 1;; ++attempt) {

@@ -5,11 +5,9 @@
 //
 // Each look-up reads every *.json file anew. Profiles are few, and nothing has to be kept in step.
 
-#include <fcntl.h>
 #include <glob.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <ctime>
 
@@ -20,6 +18,7 @@
 #include "../constants.h"
 #include "../log.h"
 #include "../member.h"
+#include "../newDocument.h"
 #include "files.h"
 #include "tarnfirewall.h"
 
@@ -39,22 +38,6 @@ std::string pathOfStem(const std::string& stem) { return kProfileDirectory + ste
 std::string stemOf(const std::string& path) {
   const std::string base = path.substr(path.find_last_of('/') + 1);
   return base.substr(0, base.find_last_of('.'));
-}
-
-// Claims the file `path` for a new profile: another process may have drawn the same stem, as both
-// draw from the same clock and an unseeded rand(). The claim is the temporary file that the
-// document is written to; whoever makes it first and finds no document yet has the stem. False
-// without a claim when the stem is taken; true too when the temporary file cannot be made at all,
-// which the dump reports.
-bool claim(const std::string& path) {
-  const std::string temporary = path + ".tmp";
-  const int fd =
-      open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd < 0) return errno != EEXIST;
-  (void)close(fd);
-  if (access(path.c_str(), F_OK) != 0) return true;
-  (void)unlink(temporary.c_str());
-  return false;
 }
 
 // Gives every adapter with rules a policy, and "global" none: its rules apply on top of the
@@ -127,7 +110,7 @@ bool TARNFW_JSON_DB::profileDbDump(const std::string& name, const Json::Value& d
   std::string path;
   do {
     path = pathOfStem(profilePathNameGen(meta));
-  } while (!claim(path));
+  } while (!claimNewDocument(path));
   return jsonFileDump(doc, path);
 }
 

@@ -1,11 +1,14 @@
 #include "processes.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <exception>
 #include <fstream>
@@ -28,7 +31,30 @@ std::string answerOf(const std::function<std::string()>& work) {
   }
 }
 
+// Becomes the descriptor readable, or its other end closed, before `end`?
+bool readableBefore(int fd, std::chrono::steady_clock::time_point end) {
+  pollfd watched = {fd, POLLIN, 0};
+  for (;;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        end - std::chrono::steady_clock::now());
+    const int ready = poll(&watched, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0);
+    if (ready >= 0 || errno != EINTR) return ready == 1;
+  }
+}
+
+bool endsBefore(pid_t process, std::chrono::steady_clock::time_point end) {
+  const int descriptor = static_cast<int>(syscall(SYS_pidfd_open, process, 0));
+  const bool inTime = descriptor >= 0 && readableBefore(descriptor, end);
+  if (descriptor >= 0) close(descriptor);
+  if (!inTime) (void)kill(process, SIGKILL);
+  return inTime;
+}
+
 }  // namespace
+
+bool endsInTime(pid_t process, std::chrono::seconds patience) {
+  return endsBefore(process, std::chrono::steady_clock::now() + patience);
+}
 
 Child::Child(const std::function<std::string()>& work) {
   std::array<int, 2> ends = {-1, -1};
@@ -54,6 +80,24 @@ std::string Child::answer() {
   while ((length = read(output_, buffer.data(), buffer.size())) > 0) {
     text.append(buffer.data(), static_cast<std::size_t>(length));
   }
+  return ended(text);
+}
+
+std::string Child::answerWithin(std::chrono::seconds patience) {
+  const auto end = std::chrono::steady_clock::now() + patience;
+  std::string text;
+  std::array<char, 4096> buffer;
+  while (readableBefore(output_, end)) {
+    const ssize_t length = read(output_, buffer.data(), buffer.size());
+    if (length <= 0) break;
+    text.append(buffer.data(), static_cast<std::size_t>(length));
+  }
+  const bool inTime = endsBefore(process_, end);
+  const std::string answer = ended(text);
+  return inTime ? answer : "(took too long)";
+}
+
+std::string Child::ended(const std::string& text) {
   close(output_);
   int status = 0;
   (void)waitpid(process_, &status, 0);

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 
@@ -22,10 +23,19 @@ class Child {
   // Waits for the end and gives what `work` answered, "(signal N)" when it was killed.
   std::string answer();
 
+  // The same with a limit: the child that has not ended by then is killed, "(took too long)".
+  std::string answerWithin(std::chrono::seconds patience);
+
  private:
+  std::string ended(const std::string& text);
+
   pid_t process_ = -1;
   int output_ = -1;
 };
+
+// Waits until a child of this process has ended, at most so long; after that it is killed and the
+// answer is false. Its end is still to be collected.
+bool endsInTime(pid_t process, std::chrono::seconds patience);
 
 // Another process that holds the record lock of a lock file, from the constructor on.
 class LockHolder {

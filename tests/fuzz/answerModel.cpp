@@ -1,9 +1,10 @@
 #include "answerModel.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <utility>
+
+#include "verdictTable.h"
 
 namespace fuzz {
 namespace {
@@ -64,30 +65,6 @@ bool concerns(const FWRULE& rule, const std::vector<fake::Service>& services,
 
 // --- the walk ---
 
-constexpr int kKeep = -1;
-constexpr int kItsOwn = -2;  // the rule's policy
-
-struct Cell {
-  int verdict;
-  bool goesOn;
-};
-
-// Rows: the entry so far is 0 to 2; 3; 4; 5; 6 or more. Columns: the rule allows, denies, else.
-constexpr std::array<std::array<Cell, 3>, 5> kEveryAddress = {{
-    {{{kItsOwn, false}, {kItsOwn, false}, {kItsOwn, false}}},
-    {{{kKeep, false}, {kKeep, false}, {kKeep, false}}},
-    {{{0, false}, {4, false}, {kKeep, false}}},
-    {{{5, false}, {1, false}, {kKeep, false}}},
-    {{{kKeep, false}, {kKeep, false}, {kKeep, false}}},
-}};
-constexpr std::array<std::array<Cell, 3>, 5> kSomeAddresses = {{
-    {{{4, true}, {5, true}, {kKeep, true}}},
-    {{{kKeep, false}, {kKeep, false}, {kKeep, false}}},
-    {{{kKeep, true}, {3, false}, {kKeep, false}}},
-    {{{3, false}, {kKeep, true}, {kKeep, false}}},
-    {{{kKeep, false}, {kKeep, false}, {kKeep, false}}},
-}};
-
 class Walk {
  public:
   Walk(const std::vector<fake::Service>& services, const PortCompareST& query)
@@ -98,14 +75,8 @@ class Walk {
     for (const FWRULE& rule : rules) {
       if (!rule.enable || !concerns(rule, services_, query_)) continue;
       FW::FW_POLICY& entry = verdicts[adapter];
-      const int so_far = entry;
-      const bool every = rule.ipGroup == 5;
-      if (!every && so_far <= 2 && so_far == rule.policy) continue;
-      const std::size_t row = so_far <= 2 ? 0 : static_cast<std::size_t>(std::min(so_far, 6) - 2);
-      const auto column = static_cast<std::size_t>(std::min<int>(rule.policy, 2));
-      const Cell cell = (every ? kEveryAddress : kSomeAddresses)[row][column];
-      if (cell.verdict == kItsOwn) entry = rule.policy;
-      if (cell.verdict >= 0) entry = static_cast<FW::FW_POLICY>(cell.verdict);
+      const verdictTable::Cell cell = verdictTable::cellFor(rule, entry);
+      if (cell.verdict != verdictTable::kKeep) entry = static_cast<FW::FW_POLICY>(cell.verdict);
       if (!cell.goesOn) return;
     }
   }
@@ -114,6 +85,11 @@ class Walk {
   const std::vector<fake::Service>& services_;
   const PortCompareST& query_;
 };
+
+int rankOf(int verdict) {
+  constexpr std::array<int, 4> kRanks = {1, 3, 0, 2};  // of allowed, blocked, undecided, partly
+  return verdict <= 3 ? kRanks.at(static_cast<std::size_t>(verdict)) : 0;
+}
 
 }  // namespace
 
@@ -153,6 +129,27 @@ FW::AdapterPolicyMap verdictsOf(const FW::FWPROFILE& profile,
     if (adapter.empty() || name == adapter) walk.over(rules, name, verdicts);
   }
   return finished();
+}
+
+bool verdictsOfService(const std::vector<fake::Service>& services, const std::string& name,
+                       const PortAnswer& answer, FW::AdapterPolicyMap& verdicts) {
+  const auto ask = [&](int direction, const fake::Ports& side) {
+    for (const std::string& port : side.ports.value_or(std::vector<std::string>())) {
+      FW::AdapterPolicyMap more;
+      const auto protocol = static_cast<FW::FW_PORT_PROTOCOL>(side.protocol);
+      if (!answer({direction, protocol, port}, more)) return false;
+      for (const auto& [adapter, verdict] : more) {
+        const auto [known, isNew] = verdicts.emplace(adapter, verdict);
+        if (!isNew && rankOf(verdict) > rankOf(known->second)) known->second = verdict;
+      }
+    }
+    return true;
+  };
+  for (const fake::Service& service : services) {
+    if (!service.available || service.name != name) continue;
+    return ask(1, service.source) && ask(0, service.destination);
+  }
+  return true;
 }
 
 }  // namespace fuzz

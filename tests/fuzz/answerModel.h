@@ -3,6 +3,7 @@
 #ifndef TARNFW_TESTS_FUZZ_ANSWER_MODEL_H
 #define TARNFW_TESTS_FUZZ_ANSWER_MODEL_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,14 @@ namespace fuzz {
 FW::AdapterPolicyMap verdictsOf(const FW::FWPROFILE& profile,
                                 const std::vector<fake::Service>& services,
                                 const FW::PortCompareST& query, const std::string& adapter);
+
+// The answer to a question about ports; false when there is none.
+using PortAnswer =
+    std::function<bool(const FW::PortCompareST& query, FW::AdapterPolicyMap& verdicts)>;
+
+// The severest verdicts of the service's ports; false when one of them has no answer.
+bool verdictsOfService(const std::vector<fake::Service>& services, const std::string& name,
+                       const PortAnswer& answer, FW::AdapterPolicyMap& verdicts);
 
 }  // namespace fuzz
 

@@ -4,7 +4,6 @@
 // whose policies are 0 to 7; the number of queries, each with a flag, a service; the port's side
 // and protocol unless it is a service; the port or service; the adapter.
 
-#include <array>
 #include <string>
 #include <vector>
 
@@ -74,30 +73,14 @@ bool answer(const Firewall& firewall, const FW::PortCompareST& port, const std::
   return firewall.stored;
 }
 
-int rankOf(int verdict) {
-  constexpr std::array<int, 4> kRanks = {1, 3, 0, 2};  // of allowed, blocked, undecided, partly
-  return verdict <= 3 ? kRanks.at(static_cast<std::size_t>(verdict)) : 0;
-}
-
-bool answerForService(const Firewall& firewall, const Question& question,
-                      FW::AdapterPolicyMap& verdicts) {
-  const auto ask = [&](int direction, const fake::Ports& side) {
-    for (const std::string& port : side.ports.value_or(std::vector<std::string>())) {
-      FW::AdapterPolicyMap more;
-      const auto protocol = static_cast<FW::FW_PORT_PROTOCOL>(side.protocol);
-      if (!answer(firewall, {direction, protocol, port}, question.adapter, more)) return false;
-      for (const auto& [adapter, verdict] : more) {
-        const auto [known, isNew] = verdicts.emplace(adapter, verdict);
-        if (!isNew && rankOf(verdict) > rankOf(known->second)) known->second = verdict;
-      }
-    }
-    return true;
-  };
-  for (const fake::Service& service : fuzz::services()) {
-    if (!service.available || service.name != question.name) continue;
-    return ask(1, service.source) && ask(0, service.destination);
-  }
-  return true;
+bool answer(const Firewall& firewall, const Question& question, FW::AdapterPolicyMap& verdicts) {
+  if (!question.service) return answer(firewall, question.port, question.adapter, verdicts);
+  return fuzz::verdictsOfService(
+      fuzz::services(), question.name,
+      [&](const FW::PortCompareST& port, FW::AdapterPolicyMap& more) {
+        return answer(firewall, port, question.adapter, more);
+      },
+      verdicts);
 }
 
 // --- the library ---
@@ -115,9 +98,7 @@ void store(const Firewall& firewall) {
 void check(const Firewall& firewall, const Question& question) {
   FW::AdapterPolicyMap expected;
   FW::AdapterPolicyMap found;
-  const bool expectedDone = question.service
-                                ? answerForService(firewall, question, expected)
-                                : answer(firewall, question.port, question.adapter, expected);
+  const bool expectedDone = answer(firewall, question, expected);
   const bool done = question.service
                         ? FW::TARNFW().fwServIsBlocked(question.name, question.adapter, found)
                         : FW::TARNFW().fwPortIsBlocked(question.port, question.adapter, found);

@@ -12,12 +12,15 @@
 
 #include <json/writer.h>
 
+#include "answerModel.h"
 #include "check.h"
+#include "commandModel.h"
 #include "error.h"
 #include "fakePlatform.h"
 #include "packetFilter.h"
 #include "profileInput.h"
 #include "services.h"
+#include "splittingModel.h"
 #include "storeModel.h"
 #include "tarnfirewall.h"
 #include "tarnfirewall_c.h"
@@ -28,6 +31,7 @@ namespace {
 
 constexpr char kModuleLists[] = "/usr/tarn/etc.defaults/iptables_modules_list";
 constexpr char kModuleUsers[] = "/tmp/iptables_serv_mod_list";
+constexpr char kActive[] = "p1";  // in the settings of every scene that has any
 constexpr int kBadParameter = 0x0D00;
 
 enum Kind { kReserve, kRemove, kAdapter, kCheck, kHup, kReset, kModules, kKinds };
@@ -112,26 +116,72 @@ void editAll(Scene& scene, Edit edit) {
   for (auto& [name, profile] : scene.profiles) profile = edit(profile);
 }
 
+// What a reload goes by besides the settings and the profiles.
+struct Before {
+  int drops;     // policies set to DROP
+  bool modules;  // the firewall's are loaded
+};
+
+Before beforeCall(const Scene& scene) {
+  const auto users = fake::machine().files.find(kModuleUsers);
+  if (users == fake::machine().files.end()) return {scene.filter.drops(), false};
+  const auto firewall = users->second.find("firewall");
+  const bool modules = firewall != users->second.end() && firewall->second == "yes";
+  return {scene.filter.drops(), modules};
+}
+
+enum class Reload { kDone, kWithoutModules, kDoesNotCompile, kHasTooLongALine };
+
+Reload reloadOf(const Scene& scene, const Before& before) {
+  const Lists& lists = scene.lists;
+  const bool complete = !lists.core.empty() && !lists.common.empty() && !lists.ipv6.empty();
+  if (!before.modules && !complete) return Reload::kWithoutModules;
+  fuzz::Machine machine;
+  machine.interfaces = fake::machine().interfaces;
+  machine.services = fake::machine().services;
+  fuzz::Commands commands;
+  if (!fuzz::compile(machine, scene.profiles.at(kActive), /*withState=*/true, "", commands)) {
+    return Reload::kDoesNotCompile;
+  }
+  for (const auto& [family, adapters] : commands) {
+    const std::string tool = family == "v4" ? "/sbin/iptables " : "/sbin/ip6tables ";
+    for (const auto& [adapter, lines] : adapters) {
+      for (const std::string& line : lines) {
+        if (!fuzz::splitOf(tool + line).message.empty()) return Reload::kHasTooLongALine;
+      }
+    }
+  }
+  return Reload::kDone;
+}
+
+bool isSwitchedOff() {
+  return files::read(files::kSettingsFile).find("\"status\" : false") != std::string::npos;
+}
+
 // The result of a call whose edit succeeded and whose reload flag was `reload`.
-void checkReload(const Scene& scene, int reload, int result, int dropsBefore) {
+void checkReload(const Scene& scene, int reload, int result, const Before& before) {
   const bool reached = reload == 1 && scene.settings == kEnabled;
   if (!reached) {
-    fuzz::require(scene.filter.drops() == dropsBefore, "nothing is reloaded unasked");
+    fuzz::require(scene.filter.drops() == before.drops, "nothing is reloaded unasked");
     const bool fails =
         reload == 1 && (scene.settings == kStatusIsAList || scene.settings == kNoJson);
     fuzz::require(result == (fails ? -1 : 0), "the result of an edit", std::to_string(result));
     return;
   }
-  fuzz::require(result == 0 || result == -1, "the result of a reload", std::to_string(result));
-  if (result == 0) {
-    fuzz::require(scene.filter.drops() == dropsBefore + 4, "an enabled firewall is reloaded once");
-  }
+  const Reload expected = reloadOf(scene, before);
+  fuzz::require(result == (expected == Reload::kDone ? 0 : -1), "the result of a reload",
+                std::to_string(result));
+  const int drops = expected == Reload::kWithoutModules ? 0 : 4;
+  fuzz::require(scene.filter.drops() == before.drops + drops,
+                "an enabled firewall is reloaded once");
+  fuzz::require(isSwitchedOff() == (expected == Reload::kHasTooLongALine),
+                "lines that cannot be run, and nothing else, switch the firewall off");
 }
 
-// The platform error and the silence of a call with bad arguments.
-void checkBadParameter(int result, const std::string& message) {
+// The platform error of a call with bad arguments; some are logged, the others silent.
+void checkBadParameter(int result, bool isLogged) {
   fuzz::require(result == -1 && TLIBCErrGet() == kBadParameter, "a bad parameter is refused");
-  fuzz::require((trace::take().find("err ") != std::string::npos) == !message.empty(),
+  fuzz::require((trace::take().find("err ") != std::string::npos) == isLogged,
                 "which refusals are logged");
 }
 
@@ -140,11 +190,11 @@ void reserve(fuzz::Input& input, Scene& scene) {
   const std::string services = listOf(input);
   const int allow = input.number();
   const int reload = input.number();
-  const int before = scene.filter.drops();
+  const Before before = beforeCall(scene);
   const int result =
       TLIBFwRuleReserveServInsert(isNull ? nullptr : services.c_str(), allow, reload);
   if (isNull || services.empty()) {
-    checkBadParameter(result, "");
+    checkBadParameter(result, /*isLogged=*/false);
     return;
   }
   std::istringstream list(services + ",");
@@ -159,7 +209,7 @@ void reserve(fuzz::Input& input, Scene& scene) {
 
 void remove(fuzz::Input& input, Scene& scene) {
   const std::string service = argumentOf(input);
-  const int before = scene.filter.drops();
+  const Before before = beforeCall(scene);
   const int result = TLIBFwServRemoveRec(service.c_str());
   editAll(scene,
           [&](const FW::FWPROFILE& profile) { return fuzz::withoutService(profile, service); });
@@ -170,8 +220,8 @@ void changeAdapter(fuzz::Input& input, Scene& scene) {
   const std::string from = argumentOf(input);
   const std::string to = argumentOf(input);
   const int reload = input.number();
-  const int before = scene.filter.drops();
-  const std::string active = scene.settings == kAbsent ? "default" : "p1";
+  const Before before = beforeCall(scene);
+  const std::string active = scene.settings == kAbsent ? "default" : kActive;
   const auto profile = scene.profiles.find(active);
   const bool concerned =
       profile != scene.profiles.end() && profile->second.adapterPolicyMap.count(from) != 0;
@@ -185,7 +235,18 @@ void changeAdapter(fuzz::Input& input, Scene& scene) {
   checkReload(scene, concerned ? reload : 0, result, before);
 }
 
-void checkPorts(fuzz::Input& input) {
+bool answerForPort(const Scene& scene, const FW::PortCompareST& port, const std::string& adapter,
+                   FW::AdapterPolicyMap& verdicts) {
+  if (scene.settings == kStatusIsAList || scene.settings == kNoJson) return false;
+  if (scene.settings == kEnabled) {
+    verdicts = fuzz::verdictsOf(scene.profiles.at(kActive), fuzz::services(), port, adapter);
+  } else if (!adapter.empty()) {
+    verdicts[adapter] = FW::FW_POLICY_ALLOW;
+  }
+  return true;
+}
+
+void checkPorts(fuzz::Input& input, const Scene& scene) {
   const bool noAdapter = input.flag();
   const std::string adapter = argumentOf(input);
   const bool noService = input.flag();
@@ -193,29 +254,29 @@ void checkPorts(fuzz::Input& input) {
   const int result = TARNFwPortsCheckAllowByAdapter(noAdapter ? nullptr : adapter.c_str(),
                                                     noService ? nullptr : service.c_str());
   if (noService) {
-    checkBadParameter(result, "Bad parameters");
+    checkBadParameter(result, /*isLogged=*/true);
     return;
   }
-  // The block queries have a target of their own; here it is what the entry point makes of them.
-  int expected = -1;
   FW::AdapterPolicyMap verdicts;
-  try {
-    if (FW::TARNFW().fwServIsBlocked(service, noAdapter ? "" : adapter, verdicts)) {
-      const bool open = std::all_of(verdicts.begin(), verdicts.end(), [](const auto& verdict) {
-        return verdict.second == 0 || verdict.second == 2;
-      });
-      expected = open ? 1 : 0;
-    }
-  } catch (const Json::Exception&) {
-  }
+  const bool answered =
+      scene.services && fuzz::verdictsOfService(
+                            fuzz::services(), service,
+                            [&](const FW::PortCompareST& port, FW::AdapterPolicyMap& more) {
+                              return answerForPort(scene, port, noAdapter ? "" : adapter, more);
+                            },
+                            verdicts);
+  const bool open = std::all_of(verdicts.begin(), verdicts.end(), [](const auto& verdict) {
+    return verdict.second == FW::FW_POLICY_ALLOW || verdict.second == FW::FW_POLICY_NONE;
+  });
+  const int expected = !answered ? -1 : open ? 1 : 0;
   fuzz::require(result == expected, "whether a service is open", std::to_string(result));
 }
 
 void hup(Scene& scene) {
-  const int before = scene.filter.drops();
+  const Before before = beforeCall(scene);
   const int result = TARNFwRuleHup();
   if (!scene.services) {
-    fuzz::require(result == -1 && scene.filter.drops() == before,
+    fuzz::require(result == -1 && scene.filter.drops() == before.drops,
                   "without a service table nothing is pruned");
     return;
   }
@@ -282,7 +343,7 @@ void call(fuzz::Input& input, Scene& scene) {
     case kAdapter:
       return changeAdapter(input, scene);
     case kCheck:
-      return checkPorts(input);
+      return checkPorts(input, scene);
     case kHup:
       return hup(scene);
     case kReset:
@@ -306,11 +367,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fuzz::require(scene.filter.open(), "no call leaves the packet filter shut");
     fuzz::requireEqual("", fake::alive(), "no call leaves a lock or a list");
     // A reload that failed may have switched the firewall off; a check may have made the settings.
-    const std::string text = files::read(files::kSettingsFile);
-    if (scene.settings == kEnabled && text.find("\"status\" : false") != std::string::npos) {
+    if (scene.settings == kEnabled && isSwitchedOff()) scene.settings = kDisabled;
+    if (scene.settings == kAbsent && files::read(files::kSettingsFile) != "(absent)") {
       scene.settings = kDisabled;
     }
-    if (scene.settings == kAbsent && text != "(absent)") scene.settings = kDisabled;
   }
   (void)trace::take();
   fake::reset();

@@ -5,13 +5,12 @@
 // inputs otherwise: the line is repeated up to that many times, so that the limits of 1,024 bytes
 // and 255 words are in reach.
 
-#include <optional>
 #include <string>
-#include <vector>
 
 #include "check.h"
 #include "fakePlatform.h"
 #include "input.h"
+#include "splittingModel.h"
 #include "tarnfirewall.h"
 #include "trace.h"
 
@@ -19,44 +18,11 @@ namespace {
 
 constexpr std::size_t kLongestLine = 1500;
 
-// The words that are run, or why none are.
-struct Outcome {
-  std::vector<std::string> words;
-  std::string message;
-};
-
-// Fills a buffer of 1,024 bytes as the interface describes it, by counting only.
-Outcome expectedOf(const std::string& line) {
-  std::vector<std::string> pieces;
-  std::string piece;
-  for (const char byte : line) {
-    if (byte != ' ') {
-      piece += byte;
-      continue;
-    }
-    pieces.push_back(piece);
-    piece.clear();
-  }
-  if (!line.empty() && line.back() != ' ') pieces.push_back(piece);
-
-  Outcome outcome;
-  std::size_t bytes = 0;
-  for (const std::string& next : pieces) {
-    if (bytes > 1022) return {{}, "#Arguments exceeds limit"};
-    if (next.empty()) continue;
-    if (outcome.words.size() == 255) return {{}, "#Arguments exceeds limit"};
-    outcome.words.emplace_back(next.c_str());  // up to a NUL, as texts of C end
-    bytes += outcome.words.back().size() + 1;
-  }
-  if (bytes == 0 || bytes > 1024) return {{}, "cmd is empty or arguments exceeding limit"};
-  return outcome;
-}
-
-std::string traceOf(const Outcome& outcome) {
-  if (!outcome.message.empty()) return "err tarnFW " + outcome.message;
-  std::string text = "exec " + outcome.words.front();
-  for (std::size_t index = 1; index < outcome.words.size(); ++index) {
-    text += " " + outcome.words[index];
+std::string traceOf(const fuzz::Split& split) {
+  if (!split.message.empty()) return "err tarnFW " + split.message;
+  std::string text = "exec " + split.words.front();
+  for (std::size_t index = 1; index < split.words.size(); ++index) {
+    text += " " + split.words[index];
   }
   return text;
 }
@@ -70,7 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::string line = unit;
   while (line.size() < times * unit.size() && line.size() < kLongestLine) line += unit;
 
-  const Outcome expected = expectedOf(line);
+  const fuzz::Split expected = fuzz::splitOf(line);
   (void)trace::take();
   const bool done = FW::TARNFW().cmdExec(line);
   fuzz::requireEqual(traceOf(expected), trace::take(), "the words of a command line");

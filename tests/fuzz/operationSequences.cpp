@@ -16,7 +16,6 @@
 #include <utility>
 
 #include <json/reader.h>
-#include <boost/interprocess/exceptions.hpp>
 
 #include "check.h"
 #include "fakePlatform.h"

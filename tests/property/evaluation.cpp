@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "../fuzz/verdictTable.h"
 #include "network.h"
 
 namespace property {
@@ -16,38 +17,6 @@ using FW::FWRULE;
 using FW::PortCompareST;
 
 // --- the walk over the rules of one adapter ---
-
-constexpr int kKeep = -1;
-
-struct Cell {
-  int verdict;
-  bool goesOn;
-};
-
-// Rows: the entry is 0, 1 or 2; 3; 4; 5; 6 or more. Columns: the rule allows, denies, does neither.
-constexpr int kItsPolicy = -2;
-constexpr std::array<std::array<Cell, 3>, 5> kEveryAddress = {
-    {{{{kItsPolicy, false}, {kItsPolicy, false}, {kItsPolicy, false}}},
-     {{{kKeep, false}, {kKeep, false}, {kKeep, false}}},
-     {{{0, false}, {4, false}, {kKeep, false}}},
-     {{{5, false}, {1, false}, {kKeep, false}}},
-     {{{kKeep, false}, {kKeep, false}, {kKeep, false}}}}};
-constexpr std::array<std::array<Cell, 3>, 5> kSomeAddresses = {
-    {{{{4, true}, {5, true}, {kKeep, true}}},
-     {{{kKeep, false}, {kKeep, false}, {kKeep, false}}},
-     {{{kKeep, true}, {3, false}, {kKeep, false}}},
-     {{{3, false}, {kKeep, true}, {kKeep, false}}},
-     {{{kKeep, false}, {kKeep, false}, {kKeep, false}}}}};
-
-Cell cellFor(const FWRULE& rule, int entry) {
-  const int policy = rule.policy;
-  if (rule.ipGroup != 5 && entry <= 2 && entry == policy) return {kKeep, true};
-  const std::size_t row = entry <= 2 ? 0 : static_cast<std::size_t>(std::min(entry, 6) - 2);
-  const std::size_t column = policy == 0 ? 0 : policy == 1 ? 1 : 2;
-  Cell cell = (rule.ipGroup == 5 ? kEveryAddress : kSomeAddresses)[row][column];
-  if (cell.verdict == kItsPolicy) cell.verdict = policy;
-  return cell;
-}
 
 bool hasRules(const FWPROFILE& profile, const std::string& adapter) {
   const auto rules = profile.rules.find(adapter);
@@ -151,9 +120,9 @@ Walk walk(const FWPROFILE& profile, const std::string& adapter, const PortCompar
   for (const FWRULE& rule : rules->second) {
     if (!rule.enable || !concerns(rule, query)) continue;
     walk.matched = true;
-    const Cell cell = cellFor(rule, walk.verdict);
+    const verdictTable::Cell cell = verdictTable::cellFor(rule, walk.verdict);
     if (rule.ipGroup != 5 && walk.verdict == rule.policy) walk.hasPassedOver = true;
-    if (cell.verdict != kKeep) walk.verdict = cell.verdict;
+    if (cell.verdict != verdictTable::kKeep) walk.verdict = cell.verdict;
     walk.isDecided = !cell.goesOn;
     if (walk.isDecided) break;
   }

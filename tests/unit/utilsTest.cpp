@@ -27,6 +27,7 @@
 
 #include "fakePlatform.h"
 #include "jsonText.h"
+#include "lease.h"
 #include "ordinaryRights.h"
 #include "processes.h"
 #include "tarnfirewall.h"
@@ -540,6 +541,7 @@ TEST_P(Squatted, LockFile) {
   EXPECT_TRUE(jsonFileLoad(value, kDocument));
   EXPECT_EQ("[1]", toText(value));
   EXPECT_EQ("100600 1 links, owner 0", modeOf(kLockFile));
+  EXPECT_EQ("firewall_settings.json.lock", files::listing(files::kLockDirectory));
   EXPECT_EQ("other", files::read(kOther));
   EXPECT_EQ("(absent)", files::read("/tmp/made"));
 }
@@ -598,6 +600,26 @@ TEST_F(Utils, LockFileThatCannotBeOpenedThrows) {
   EXPECT_THROW((void)jsonFileLoad(value, document), boost::interprocess::interprocess_exception);
   EXPECT_THROW((void)jsonFileDump(value, document), boost::interprocess::interprocess_exception);
   EXPECT_EQ("{}", files::read(document));
+}
+
+// A file server may lease the lock file, and lets go of it some time after somebody opens it.
+TEST_F(Utils, LeasedLockFileIsWaitedFor) {
+  (void)getLockFile(kDocument);
+  const processes::Lease lease(kLockFile, std::chrono::milliseconds(300));
+  if (!lease.taken()) GTEST_SKIP() << "a file system without leases";
+  EXPECT_TRUE(jsonFileDump(toJson("[1]"), kDocument));
+  EXPECT_EQ("[ 1 ]\n", files::read(kDocument));
+}
+
+TEST_F(Utils, LeaseOfTheLockFileThatIsKeptIsWaitedForASecond) {
+  (void)getLockFile(kDocument);
+  const processes::Lease lease(kLockFile, std::chrono::seconds(60));
+  if (!lease.taken()) GTEST_SKIP() << "a file system without leases";
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_THROW((void)jsonFileDump(toJson("[1]"), kDocument),
+               boost::interprocess::interprocess_exception);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+  EXPECT_EQ("firewall_settings.json.lock", files::listing(files::kLockDirectory));
 }
 
 // The numbers of our descriptors that are open on `path`.

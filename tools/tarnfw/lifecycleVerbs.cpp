@@ -182,7 +182,8 @@ Answer recover(const Request& request) {
   const ops::Recovery recovery = request.dryRun ? ops::planRecovery() : ops::recover(filter);
   lock.release();
 
-  const bool reloads = known && !recovery.commands.empty() && settings.enabled;
+  const bool reloads =
+      known && recovery.errors.empty() && !recovery.commands.empty() && settings.enabled;
   if (request.dryRun) {
     ops::Plan plan;
     plan.run(recovery.commands);
@@ -192,7 +193,7 @@ Answer recover(const Request& request) {
       plan.add(ops::planReload(commands));
     }
     answer = planAnswer(plan);
-  } else if (reloads && recovery.errors.empty()) {
+  } else if (reloads) {
     answer = supervisedAnswer(ops::reloadFirewall());
   }
   answer.document["marks"] = static_cast<Json::UInt64>(recovery.marks);

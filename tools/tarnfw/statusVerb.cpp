@@ -52,6 +52,13 @@ std::string familyText(ops::Family family, const ops::LiveRules& rules, bool col
   return std::string(ops::titleOf(family)) + "      " + text + "\n";
 }
 
+bool bothKnown(const ops::LiveFilter& filter) { return filter.v4.known() && filter.v6.known(); }
+
+// Is a built-in policy of a family that was read DROP?
+bool isClosed(const ops::LiveFilter& filter) {
+  return (filter.v4.known() && !filter.v4.open()) || (filter.v6.known() && !filter.v6.open());
+}
+
 // What does not go together, one sentence each.
 std::vector<std::string> faultsOf(const ops::Settings& settings, const ops::LiveFilter& filter) {
   std::vector<std::string> faults;
@@ -62,27 +69,31 @@ std::vector<std::string> faultsOf(const ops::Settings& settings, const ops::Live
     faults.emplace_back(
         "a reload is under way or was killed; if it was killed, run 'tarnfw recover'");
   }
-  if (!marked && !filter.open()) {
+  if (!marked && isClosed(filter)) {
     faults.emplace_back("a built-in policy is DROP, set by another program");
   }
   const std::size_t loaded = loadedLines(filter.v4) + loadedLines(filter.v6);
-  if (settings.enabled && loaded == 0)
+  if (settings.enabled && loaded == 0 && bothKnown(filter))
     faults.emplace_back("the firewall is on, but no rules are loaded");
   if (!settings.enabled && loaded > 0)
     faults.emplace_back("the firewall is off, but rules are loaded");
   return faults;
 }
 
+// A family that was not read is left out, and so is what takes both to say.
 void describe(const ops::Settings& settings, const ops::LiveFilter& filter, bool colour,
               Answer& answer) {
   Json::Value& document = answer.document;
   for (const ops::Family family : ops::kFamilies) {
+    if (!filter.of(family).known()) continue;
     document[ops::keyOf(family)] = toJson(filter.of(family));
     answer.text += familyText(family, filter.of(family), colour);
   }
-  document["chainsPresent"] = ops::missingChains(filter).empty();
-  document["policiesOpen"] = filter.open();
-  document["staleMark"] = filter.marks() > 0;
+  if (bothKnown(filter)) {
+    document["chainsPresent"] = ops::missingChains(filter).empty();
+    document["policiesOpen"] = filter.open();
+    document["staleMark"] = filter.marks() > 0;
+  }
   document["faults"] = Json::Value(Json::arrayValue);
   for (const std::string& fault : faultsOf(settings, filter)) {
     document["faults"].append(fault);
@@ -140,11 +151,12 @@ Answer status(const Request& request) {
                 (settings.enabled ? green("on", request.colour) : red("off", request.colour)) +
                 "\nProfile   " + printable(settings.profile) + "\n";
   ops::LiveFilter filter;
-  if (!ops::readFilter(filter, reason)) {
+  const bool complete = ops::readFilter(filter, reason);
+  describe(settings, filter, request.colour, answer);
+  if (!complete) {
     fail(answer, reason);
     return answer;
   }
-  describe(settings, filter, request.colour, answer);
   if (request.has("--verify")) verify(settings, answer);
   return answer;
 }

@@ -212,6 +212,14 @@ std::string damageBesideTwin(const Operation& operation, store::Documents docume
   return damage(operation, documents);
 }
 
+bool standsIn(const store::Documents& documents, const std::string& path, const std::string& text) {
+  if (textOf(documents, path) == text) return true;
+  return std::any_of(
+      documents.lower_bound(store::kNewProfile), documents.end(), [&text](const auto& document) {
+        return document.first.rfind(store::kNewProfile, 0) == 0 && document.second == text;
+      });
+}
+
 std::string difference(const store::Documents& expected, const store::Documents& documents) {
   std::string different;
   for (const std::string& path : pathsOf({&expected, &documents})) {

@@ -43,6 +43,9 @@ std::string damage(const Operation& operation, const store::Documents& documents
 // file could not be read, and written anew.
 std::string damageBesideTwin(const Operation& operation, store::Documents documents);
 
+// Is the document `path` that text, or such a second file? kAbsent: is there none?
+bool standsIn(const store::Documents& documents, const std::string& path, const std::string& text);
+
 // What differs from one state, in the same form.
 std::string difference(const store::Documents& expected, const store::Documents& documents);
 

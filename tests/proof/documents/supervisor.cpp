@@ -98,8 +98,9 @@ void submit(const Harm& harm, int answers) {
                             ? -1
                             : syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER,
                                       SECCOMP_FILTER_FLAG_NEW_LISTENER, &program);
-  const int number = static_cast<int>(listener);
+  const int number = listener < 0 ? -errno : static_cast<int>(listener);
   answer(answers, &number, sizeof number);
+  if (number < 0) _exit(1);       // never at work without a supervisor
   (void)syscall(kRendezvous, 0);  // the supervisor has it
   (void)close(number);
   (void)syscall(kRendezvous, 0);  // what comes now is the work
@@ -211,10 +212,15 @@ class Supervision {
   long count_ = 0;
 };
 
-// The supervisor's descriptor for the calls of `process`.
+// The supervisor's descriptor for the calls of `process`. Without one the process still waits for
+// leave to begin.
 int listenerOf(pid_t process, int answers) {
   int number = -1;
-  if (read(answers, &number, sizeof number) != sizeof number || number < 0) stop("seccomp");
+  if (read(answers, &number, sizeof number) != sizeof number) number = -EPIPE;
+  if (number < 0) {
+    errno = -number;
+    stop("seccomp");
+  }
   const Descriptor handle(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
   const auto listener = static_cast<int>(syscall(SYS_pidfd_getfd, handle.get(), number, 0));
   if (listener < 0) stop("pidfd_getfd");
@@ -241,10 +247,14 @@ Outcome run(const Harm& harm, const std::function<std::string()>& work) {
     _exit(0);
   }
   const Descriptor answers(ends[0]);
-  {
+  try {
     const Descriptor listener(listenerOf(process, answers.get()));
     Supervision(process, harm, listener.get(), outcome).watch();
     finish(process, answers, outcome);
+  } catch (...) {
+    (void)kill(process, SIGKILL);
+    (void)waitpid(process, nullptr, 0);
+    throw;
   }
   return outcome;
 }
@@ -261,6 +271,16 @@ Outcome run(const std::function<std::string()>& work) {
   const Descriptor answers(ends[0]);
   finish(process, answers, outcome);
   return outcome;
+}
+
+std::string whyNot() {
+  const auto touch = [] { return std::string(access("/", F_OK) == 0 ? "done" : "not done"); };
+  try {
+    if (run(Harm{}, touch).answer != "done") return "supervisor: no call is let through";
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+  return {};
 }
 
 std::set<int> callsOf(const std::function<std::string()>& work, bool filesOnly) {

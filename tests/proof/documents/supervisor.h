@@ -34,6 +34,10 @@ struct Outcome {
   std::set<int> calls;  // the numbers of the calls that were handed over
 };
 
+// Why this machine lets us supervise nothing: a kernel or a container without seccomp's
+// notifications or without the right to take a descriptor over. Empty when it does.
+std::string whyNot();
+
 // Runs `work` under supervision. What it answers has arrived before the process goes on.
 Outcome run(const Harm& harm, const std::function<std::string()>& work);
 

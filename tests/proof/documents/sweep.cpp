@@ -2,25 +2,25 @@
 
 #include <libkmod.h>
 
-#include <cstdio>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 
 #include "fakeKmod.h"
+#include "figures.h"
 #include "store.h"
 
 namespace sweep {
 
-long factor() {
-  const char* const text = std::getenv("TARN_LONG");
-  const long value = text == nullptr ? 1 : std::strtol(text, nullptr, 10);
-  return value < 1 ? 1 : value;
+void add(long count, const std::string& what) {
+  figures::add(static_cast<std::uint64_t>(count), what);
 }
 
-std::string grouped(long number) {
-  std::string digits = std::to_string(number);
-  for (std::size_t place = digits.size(); place > 3; place -= 3) digits.insert(place - 3, ",");
-  return digits;
+void skipFor(const std::string& reason) {
+  constexpr int kSkipped = 77;  // exit status
+  if (reason.empty()) return;
+  add(1, "skipped: " + reason);
+  std::exit(kSkipped);
 }
 
 long ownMilliseconds() {
@@ -31,14 +31,6 @@ long ownMilliseconds() {
   long ready = 0;  // nanoseconds; stays 0 where the kernel does not count it
   std::ifstream("/proc/self/schedstat") >> running >> ready;
   return std::chrono::duration_cast<milliseconds>(now).count() - ready / kNanoseconds;
-}
-
-void Figures::close(const std::string& text) const {
-  const auto spent = std::chrono::steady_clock::now() - start_;
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(spent).count();
-  (void)std::printf("figures: %s: %s; %lld s\n", suite_.c_str(), text.c_str(),
-                    static_cast<long long>(seconds));
-  (void)std::fflush(stdout);
 }
 
 void prepare() {

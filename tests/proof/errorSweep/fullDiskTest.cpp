@@ -3,24 +3,25 @@
 // little room the operation says false and the old document stands; then it says true and the new
 // one is there in full; and after the disk has been cleared the next write works.
 
+#include <signal.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/statvfs.h>
 
 #include <functional>
 #include <iostream>
 #include <ostream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "figures.h"
 #include "operations.h"
 #include "store.h"
 #include "supervisor.h"
 #include "sweep.h"
 #include "tarnfirewall.h"
-#include "testFiles.h"
 #include "texts.h"
 
 namespace {
@@ -165,14 +166,21 @@ TEST_P(FullDisk, AtEveryBlock) {
       [&disk] { disk.clear(); });
 }
 
+// Files of this process can be written up to `bytes`. A write beyond sends SIGXFSZ, which ends a
+// program that does not hold it back.
+void limitFiles(rlim_t bytes) {
+  (void)signal(SIGXFSZ, SIG_DFL);  // whatever the tests were started with
+  const rlimit limit = {bytes, bytes};
+  ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
+}
+
 TEST_P(FullDisk, AtEvery512Bytes) {
-  const Operation operation =
-      storing(GetParam(), kRulesForBytes * static_cast<int>(sweep::factor()));
+  const Operation operation = storing(GetParam(), kRulesForBytes * figures::longer());
   untilThereIsRoom(
       operation,
       [&](rlim_t step) {
         return supervisor::run([&operation, step] {
-          const files::FileSizeLimit limit(step * kStep);
+          limitFiles(step * kStep);
           return operations::answer(operation);
         });
       },
@@ -188,17 +196,15 @@ INSTANTIATE_TEST_SUITE_P(Documents, FullDisk, testing::ValuesIn(kTargets),
 
 class Closing : public testing::Environment {
  public:
+  void SetUp() override { figures::open("error-sweep/disk"); }
   void TearDown() override {
     EXPECT_LE(4 * kPromisedSteps, counts.refused);
     EXPECT_EQ(0, counts.damaged + counts.untrue);
-    std::ostringstream text;
-    text << sweep::grouped(counts.steps) << " full disks, " << counts.damaged << " damaged, "
-         << counts.untrue << " false of " << counts.steps - counts.refused << " true";
-    figures_.close(text.str());
+    sweep::add(counts.steps, "full disks");
+    sweep::add(counts.damaged, "damaged");
+    sweep::add(counts.steps - counts.refused, "true");
+    sweep::add(counts.untrue, "of them false");
   }
-
- private:
-  sweep::Figures figures_{"error-sweep/disk"};
 };
 
 const auto* const closing = testing::AddGlobalTestEnvironment(new Closing);

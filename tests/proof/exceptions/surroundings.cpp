@@ -24,6 +24,7 @@ struct Shared {
   bool real;
   bool shut;      // the first command of a drop period has been run
   bool happened;  // the harm is done
+  bool inside;    // and a policy was DROP then
   long allocations;
   // Per tool: INPUT and FORWARD are DROP, and the rules added to FIREWALL_RELOADING.
   std::array<std::array<bool, 2>, 2> dropped;
@@ -40,9 +41,21 @@ Shared* makeShared() {
 
 Shared* shared = nullptr;
 
+bool anyDropped() {
+  for (const auto& tool : shared->dropped) {
+    if (tool[0] || tool[1]) return true;
+  }
+  return false;
+}
+
+void harmed() {
+  if (!shared->happened) shared->inside = anyDropped();
+  shared->happened = true;
+}
+
 // One allocation more. True when it is to fail.
 bool fails() {
-  if (shared == nullptr || (!shared->shut && shared->harm != Harm::kCancel)) return false;
+  if (shared == nullptr || !shared->shut) return false;
   const long number = shared->allocations++;
   switch (shared->harm) {
     case Harm::kAllocation:
@@ -53,14 +66,14 @@ bool fails() {
       break;
     case Harm::kCancel:
       if (number == shared->number) {
-        shared->happened = true;
+        harmed();
         (void)pthread_cancel(pthread_self());
       }
       return false;
     default:
       return false;
   }
-  shared->happened = true;
+  harmed();
   return true;
 }
 
@@ -84,7 +97,7 @@ void changeDocuments() {
     (void)std::snprintf(to, sizeof to, "/usr/tarn/etc/firewall.d/%s", name);
     (void)std::rename(from, to);
   }
-  shared->happened = true;
+  harmed();
 }
 
 void record(int tool, char* const argv[]) {
@@ -122,6 +135,7 @@ void arrange(Harm harm, long number, bool real) {
 
 void disarm() { shared->harm = Harm::kNone; }
 bool happened() { return shared->happened; }
+bool happenedInside() { return shared->inside; }
 bool shut() { return shared->shut; }
 
 std::string recordedFilter() {

@@ -18,7 +18,7 @@ enum class Harm {
   kDocuments,    // when the chains are flushed, the documents become those of kPreparedDirectory
   kAllocation,   // the n-th allocation from the first command of the drop period on fails
   kAllocations,  // it and all after it fail
-  kCancel,       // at the n-th allocation from the beginning on the thread is cancelled
+  kCancel,       // at the n-th allocation from there on the thread is cancelled
 };
 
 inline constexpr char kPreparedDirectory[] = "/usr/tarn/etc/prepared/";
@@ -29,8 +29,9 @@ void arrange(Harm harm, long number, bool real);
 // No more harm from here on.
 void disarm();
 
-// Did it happen?
+// Did it happen? Inside the drop period, which ends when all policies are open again?
 bool happened();
+bool happenedInside();
 
 // What the recorded commands leave: "iptables INPUT ACCEPT FORWARD ACCEPT FIREWALL_RELOADING 0
 // ip6tables ...".

@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <csignal>
 #include <iostream>
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "figures.h"
 #include "operations.h"
 #include "store.h"
 #include "supervisor.h"
@@ -127,20 +127,22 @@ INSTANTIATE_TEST_SUITE_P(Operations, KillDocuments, testing::ValuesIn(operations
 // Counts what the others have found: the last in the program.
 class Closing : public testing::Environment {
  public:
+  void SetUp() override {
+    figures::open("kill-documents");
+    sweep::skipFor(supervisor::whyNot());
+  }
   void TearDown() override {
     EXPECT_LE(kPromisedPoints, counts.points);
     EXPECT_EQ(0, counts.damaged + counts.undone + counts.strays + counts.stuck);
-    std::ostringstream text;
-    text << sweep::grouped(counts.points) << " points, " << counts.damaged << " damaged, "
-         << counts.undone << " undone of " << counts.acknowledged << " acknowledged, "
-         << counts.strays << " strays, " << counts.stuck << " next operations stuck, slowest "
-         << counts.slowest << " ms, " << sweep::grouped(counts.temporaries)
-         << " temporary files left";
-    figures_.close(text.str());
+    sweep::add(counts.points, "points");
+    sweep::add(counts.damaged, "damaged");
+    sweep::add(counts.acknowledged, "acknowledged");
+    sweep::add(counts.undone, "of them undone");
+    sweep::add(counts.strays, "strays");
+    sweep::add(counts.stuck, "next operations stuck");
+    sweep::add(counts.slowest, "ms for the slowest");
+    sweep::add(counts.temporaries, "temporary files left");
   }
-
- private:
-  sweep::Figures figures_{"kill-documents"};
 };
 
 const auto* const closing = testing::AddGlobalTestEnvironment(new Closing);

@@ -35,7 +35,7 @@ std::string nameOf(const Operation& operation) {
 void judgeDead(const sweep::End& end, const std::string& signal, const std::string& point,
                std::optional<bool> status) {
   if (end.signal == sweep::numberOf(signal)) {
-    sweep::judge(point, {status, /*recovers=*/true});
+    sweep::judge(point, {signal, status, /*recovers=*/true});
     return;
   }
   EXPECT_EQ(0, end.signal) << point;
@@ -71,13 +71,13 @@ class Library : public testing::Test {
   // that at a command it is certain.
   static void atCall(const Operation& operation, long call, const std::string& signal, bool after) {
     ASSERT_NO_FATAL_FAILURE(sweep::prepare(operation));
+    const std::string point = nameOf(operation) + ": " + signal + (after ? " after" : " before") +
+                              " call " + std::to_string(call);
+    SCOPED_TRACE(point);
     sweep::planSignal(call, signal, "worker", after);
     const sweep::End end = sweep::waitFor(sweep::start(sweep::victim(operation)));
     EXPECT_TRUE(sweep::forgetPlan());
-    judgeDead(end, signal,
-              nameOf(operation) + ": " + signal + (after ? " after" : " before") + " call " +
-                  std::to_string(call),
-              operation.on || operation.after);
+    judgeDead(end, signal, point, operation.on || operation.after);
   }
 
   // "status" after a death at the system call `at`. One that kills prevents the call, the others
@@ -107,11 +107,11 @@ class Library : public testing::Test {
       const std::string signal = point % 2 == 0 ? "KILL" : kPoliteSignals[point / 2 % 4];
       ASSERT_NO_FATAL_FAILURE(sweep::prepare(operation));
       const sweep::SystemCall& call = calls[at];
+      const std::string name = nameOf(operation) + ": " + signal + " at " + call.name + " " +
+                               std::to_string(call.occurrence);
+      SCOPED_TRACE(name);
       const sweep::End end = sweep::interruptedAt(call, signal, sweep::victim(operation));
-      judgeDead(end, signal,
-                nameOf(operation) + ": " + signal + " at " + call.name + " " +
-                    std::to_string(call.occurrence),
-                statusAt(calls, at, signal, operation));
+      judgeDead(end, signal, name, statusAt(calls, at, signal, operation));
     }
   }
 
@@ -131,8 +131,10 @@ class Library : public testing::Test {
       const pid_t process = sweep::start(sweep::victim(operation));
       std::this_thread::sleep_for(std::chrono::duration<double>(whole * fraction));
       EXPECT_EQ(0, kill(process, sweep::numberOf(signal)));
-      judgeDead(sweep::waitFor(process), signal,
-                nameOf(operation) + ": " + signal + " at " + std::to_string(fraction),
+      const std::string name =
+          nameOf(operation) + ": " + signal + " at " + std::to_string(fraction);
+      SCOPED_TRACE(name);
+      judgeDead(sweep::waitFor(process), signal, name,
                 operation.on == operation.after ? std::optional<bool>(operation.on) : std::nullopt);
     }
   }
@@ -145,6 +147,7 @@ TEST_F(Library, TrialAtEveryCall) { atEveryCall(sweep::kTrial); }
 TEST_F(Library, TrialWhenOffAtEveryCall) { atEveryCall(sweep::kTrialWhenOff); }
 
 TEST_F(Library, SystemCalls) {
+  if (!sweep::traces()) GTEST_SKIP() << sweep::whyNoTrace();
   for (const Operation& operation :
        {sweep::kEnable, sweep::kReload, sweep::kDisable, sweep::kTrial}) {
     atSystemCalls(operation);

@@ -207,6 +207,7 @@ void judge(const std::string& point, const Claim& claim) {
   EXPECT_TRUE(machine::eventually(alone)) << "somebody is left";
   Tally& tally = Tally::of();
   ++tally.points;
+  ++tally.pointsOf(claim.signal);
 
   const bool free = lockIsFree();
   if (!free) ++tally.locked;
@@ -245,6 +246,12 @@ void judge(const std::string& point, const Claim& claim) {
   EXPECT_TRUE(next->done);
   EXPECT_TRUE(loaded) << tables;
   EXPECT_TRUE(quick) << next->seconds << " seconds";
+}
+
+bool traces() {
+  if (whyNoTrace().empty()) return true;
+  ++Tally::of().skipped;
+  return false;
 }
 
 bool ours(std::size_t point) {

@@ -46,14 +46,19 @@ void planSignal(long call, const std::string& signal, const std::string& target,
 bool forgetPlan();
 
 // What must hold after a point.
+//   signal    that came to what was to be interrupted
 //   status    "status" as it must be; without a value either is right, a damaged document never is
 //   recovers  `tarnfw recover` is run first; otherwise nothing is, and the machine must be open all
 //   the same
 struct Claim {
+  std::string signal;
   std::optional<bool> status;
   bool recovers = true;
 };
 void judge(const std::string& point, const Claim& claim);
+
+// Can system calls be traced here? When not, the sweep that asks is counted as skipped.
+bool traces();
 
 // This program's share of the points of a sweep: TARN_PART=1/3 is the second third.
 bool ours(std::size_t point);

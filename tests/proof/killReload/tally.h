@@ -14,8 +14,14 @@
 inline constexpr char kTallyMark[] = "tally:";
 
 struct Tally {
-  std::uint64_t points = 0;        // something was killed, and the machine judged
+  std::uint64_t points = 0;  // something was killed, and the machine judged
+  std::uint64_t kill = 0;    // points of SIGKILL, SIGINT ...
+  std::uint64_t interrupt = 0;
+  std::uint64_t hangUp = 0;
+  std::uint64_t terminate = 0;
+  std::uint64_t pipe = 0;
   std::uint64_t late = 0;          // all was over before the signal came; not a point
+  std::uint64_t skipped = 0;       // parts of sweeps for which strace is needed
   std::uint64_t closedBefore = 0;  // points that left DROP policies for recovery to open
   std::uint64_t closed = 0;        // DROP policies when they must be open
   std::uint64_t stale = 0;         // FIREWALL_RELOADING still accepts open connections
@@ -29,9 +35,18 @@ struct Tally {
     return tally;
   }
 
-  std::array<std::uint64_t*, 9> members() {
-    return {&points,      &late,   &closedBefore, &closed,       &stale,
-            &wrongStatus, &locked, &damaged,      &failedReloads};
+  std::array<std::uint64_t*, 15> members() {
+    return {&points, &kill,        &interrupt, &hangUp,       &terminate,
+            &pipe,   &late,        &skipped,   &closedBefore, &closed,
+            &stale,  &wrongStatus, &locked,    &damaged,      &failedReloads};
+  }
+
+  // `signal` is KILL, INT, HUP, TERM or PIPE.
+  std::uint64_t& pointsOf(const std::string& signal) {
+    if (signal == "INT") return interrupt;
+    if (signal == "HUP") return hangUp;
+    if (signal == "TERM") return terminate;
+    return signal == "PIPE" ? pipe : kill;
   }
 
   std::string text() {

@@ -18,13 +18,18 @@ enum class Group { kOurs, kOwn };
 pid_t start(const std::vector<std::string>& command, Group group = Group::kOurs);
 
 // How a program ended: by which signal (0: by itself), or with which status; after how many
-// seconds.
+// seconds. One that does not end within `limit` seconds is killed, and the test fails.
 struct End {
   int signal = 0;
   int status = 0;
   double seconds = 0;
+  bool reached = false;  // of interruptedAt: it came to the call, and the signal to it
 };
-End waitFor(pid_t process);
+inline constexpr double kLongest = 60;
+End waitFor(pid_t process, double limit = kLongest);
+
+// Why strace traces nothing here; empty when it does.
+std::string whyNoTrace();
 
 // One system call of a program: its name, how many of that name it has been by then, its line in
 // the trace.

@@ -17,7 +17,6 @@
 namespace {
 
 constexpr std::uint64_t kLongestCall = 35000;  // milliseconds; the lock is waited for 30 seconds
-constexpr unsigned kPatience = 110;            // seconds, for a whole process
 constexpr char kCommands[] = "/tmp/commands";
 
 // clang-format off
@@ -60,6 +59,9 @@ constexpr char kReload[] =
   "ip6tables --policy FORWARD ACCEPT\n"
   "ip6tables -D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n";
 // clang-format on
+
+// Seconds, for a whole process.
+unsigned patience() { return 110U * static_cast<unsigned>(figures::longer()); }
 
 // How many whole reloads the log holds, one after the other, and what follows them.
 struct Order {
@@ -140,7 +142,7 @@ TEST_F(ManyReloads, OfProcessesNeverInterleave) {
     for (int round = 0; round < each; ++round) reload();
     return std::string("done");
   };
-  EXPECT_EQ("", crowd::others(crowd::run(kProcesses, kPatience, work), "done"));
+  EXPECT_EQ("", crowd::others(crowd::run(kProcesses, patience(), work), "done"));
   expectWholeReloads(static_cast<std::uint64_t>(kProcesses) * static_cast<std::uint64_t>(each));
   figures::add(counts().all(), "reloads of 16 processes");
   figures::add(timeouts(), "timed out");
@@ -176,7 +178,7 @@ TEST_F(ManyReloads, OfThreadsOfProcessesNeverInterleave) {
     for (std::thread& thread : threads) thread.join();
     return std::string("done");
   };
-  EXPECT_EQ("", crowd::others(crowd::run(kProcesses, kPatience, work), "done"));
+  EXPECT_EQ("", crowd::others(crowd::run(kProcesses, patience(), work), "done"));
   expectWholeReloads(static_cast<std::uint64_t>(kProcesses * kThreads) *
                      static_cast<std::uint64_t>(each));
   figures::add(counts().all(), "of threads of 3 processes");

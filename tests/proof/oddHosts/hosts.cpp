@@ -28,11 +28,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-void install(int signal, void (*handler)(int), int flags) {
+bool install(int signal, void (*handler)(int), int flags) {
   struct sigaction action = {};
   action.sa_handler = handler;
   action.sa_flags = flags;
-  (void)sigaction(signal, &action, nullptr);
+  return sigaction(signal, &action, nullptr) == 0;
 }
 
 void reap(int /*signal*/) {
@@ -41,87 +41,103 @@ void reap(int /*signal*/) {
   errno = error;
 }
 
-void setLimit(__rlimit_resource resource, rlim_t limit) {
+bool setLimit(__rlimit_resource resource, rlim_t limit) {
   const rlimit both = {limit, limit};
-  (void)setrlimit(resource, &both);
+  return setrlimit(resource, &both) == 0;
 }
 
 // --- what hosts do ---
 
-void nothing() {}
-void ignoreChildren() { install(SIGCHLD, SIG_IGN, 0); }
-void leaveNoZombies() { install(SIGCHLD, SIG_DFL, SA_NOCLDWAIT); }
-void reapInAHandler() { install(SIGCHLD, reap, SA_RESTART); }
+bool nothing() { return true; }
+bool ignoreChildren() { return install(SIGCHLD, SIG_IGN, 0); }
+bool leaveNoZombies() { return install(SIGCHLD, SIG_DFL, SA_NOCLDWAIT); }
+bool reapInAHandler() { return install(SIGCHLD, reap, SA_RESTART); }
 
-void reapInAThread() {
+bool reapInAThread() {
   std::thread([] {
     for (;;) {
       if (waitpid(-1, nullptr, 0) < 0) std::this_thread::yield();
     }
   }).detach();
+  return true;
 }
 
-void blockEverySignal() {
+bool blockEverySignal() {
   sigset_t all;
   (void)sigfillset(&all);
-  (void)sigprocmask(SIG_SETMASK, &all, nullptr);
+  return sigprocmask(SIG_SETMASK, &all, nullptr) == 0;
 }
 
-void ignoreEverySignal() {
-  for (int signal = 1; signal < NSIG; ++signal) install(signal, SIG_IGN, 0);
+// Those that cannot be ignored and the C library's own are left as they are.
+bool ignoreEverySignal() {
+  int ignored = 0;
+  for (int signal = 1; signal < NSIG; ++signal) ignored += install(signal, SIG_IGN, 0) ? 1 : 0;
+  return ignored == NSIG - 5;
 }
 
-void closeStandardDescriptors() {
+bool closeStandardDescriptors() {
   for (const int fd : {0, 1, 2}) close(fd);
+  return true;
 }
 
 // Without close-on-exec, and numbers beyond the usual limit.
-void openManyDescriptors() {
-  setLimit(RLIMIT_NOFILE, 4096);
+bool openManyDescriptors() {
+  if (!setLimit(RLIMIT_NOFILE, 4096)) return false;
   const int file = open("/dev/zero", O_RDWR);  // NOLINT(android-cloexec-open): to be inherited
-  for (int count = 0; count < 1000; ++count) (void)fcntl(file, F_DUPFD, 3);
+  for (int count = 0; count < 1000; ++count) {
+    if (fcntl(file, F_DUPFD, 3) < 0) return false;
+  }
+  return true;
 }
 
-void allowFewDescriptors() { setLimit(RLIMIT_NOFILE, 16); }
-void maskNoMode() { (void)umask(0); }
-void maskEveryMode() { (void)umask(0777); }
-void limitFiles() { setLimit(RLIMIT_FSIZE, rlim_t{1024} * 1024); }
+bool allowFewDescriptors() { return setLimit(RLIMIT_NOFILE, 16); }
+
+bool maskModes(mode_t mask) {
+  (void)umask(mask);
+  return true;
+}
+
+bool maskNoMode() { return maskModes(0); }
+bool maskEveryMode() { return maskModes(0777); }
+bool limitFiles() { return setLimit(RLIMIT_FSIZE, rlim_t{1024} * 1024); }
 
 // The observer still keeps its notes: the hard limit stays as it is.
-void forbidFiles() {
+bool forbidFiles() {
   rlimit files = {};
   (void)getrlimit(RLIMIT_FSIZE, &files);
   files.rlim_cur = 8;
-  (void)setrlimit(RLIMIT_FSIZE, &files);
+  return setrlimit(RLIMIT_FSIZE, &files) == 0;
 }
 
-void loseSystemLog() {
+bool loseSystemLog() {
   closelog();
-  fs::rename("/dev/log", "/dev/log.away");
+  std::error_code error;
+  fs::rename("/dev/log", "/dev/log.away", error);
+  return !error;
 }
 
-void grow() {
+bool grow() {
   constexpr std::size_t kBytes = std::size_t{200} << 20;
   void* const memory =
       mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) return false;
   std::memset(memory, 1, kBytes);
+  return true;
 }
 
-void moveAway() {
+bool moveAway() {
   fs::create_directory("/tmp/tool/gone");
-  (void)!chdir("/tmp/tool/gone");
-  fs::remove("/tmp/tool/gone");
+  return chdir("/tmp/tool/gone") == 0 && fs::remove("/tmp/tool/gone");
 }
 
-void doEverything() {
-  ignoreChildren();
-  openManyDescriptors();
-  closeStandardDescriptors();
-  maskNoMode();
-  limitFiles();
+bool havePoisonedEnvironment() {
   poisonTheEnvironment();
-  moveAway();
-  blockEverySignal();
+  return true;
+}
+
+bool doEverything() {
+  return ignoreChildren() && openManyDescriptors() && closeStandardDescriptors() && maskNoMode() &&
+         limitFiles() && havePoisonedEnvironment() && moveAway() && blockEverySignal();
 }
 
 std::string handlers() {
@@ -198,7 +214,7 @@ const std::vector<Host>& hosts() {
       {"MayWriteSmallFiles", limitFiles, false, true},
       {"MayWriteNoFiles", forbidFiles, true},
       {"HasNoSystemLog", loseSystemLog},
-      {"HasAPoisonedEnvironment", poisonTheEnvironment},
+      {"HasAPoisonedEnvironment", havePoisonedEnvironment},
       {"IsLarge", grow},
       {"IsInADirectoryThatIsGone", moveAway},
       {"DoesEverythingAtOnce", doEverything, false, true},

@@ -10,7 +10,7 @@ namespace oddHosts {
 
 struct Host {
   const char* name;
-  void (*arrange)();           // in the process that calls the library
+  bool (*arrange)();           // in the process that calls the library; false: it cannot be done
   bool writesNothing = false;  // a file of more than 8 bytes cannot be written
   bool limited = false;        // the limit on files may be final
 };

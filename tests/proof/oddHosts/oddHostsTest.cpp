@@ -4,9 +4,11 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <clocale>
 #include <cstdlib>
 #include <filesystem>
+#include <iostream>
 #include <set>
 #include <sstream>
 #include <string>
@@ -27,7 +29,9 @@ namespace fs = std::filesystem;
 
 constexpr char kMark[] = "/tmp/poison/mark";
 constexpr unsigned kPromised = 190;  // hosts times operations
-constexpr unsigned kPatience = 60;   // seconds
+constexpr unsigned kSkippable = 40;  // of them: what this machine does not let hosts do
+constexpr std::chrono::seconds kPatience(60);
+constexpr char kNotArranged[] = "(not arranged)";
 
 // What every program is started with, whoever the host is.
 constexpr char kFixed[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin; LC_ALL=C; ";
@@ -44,6 +48,7 @@ constexpr char kCleanUnderLimit[] =
 
 struct Figures {
   unsigned cases = 0;
+  unsigned skipped = 0;
   unsigned programs = 0;
   unsigned wrong = 0;
   unsigned inherited = 0;
@@ -60,6 +65,7 @@ class OddHosts : public testing::Test {
   static void SetUpTestSuite() { figures::open("odd-hosts/" BACKEND); }
   static void TearDownTestSuite() {
     figures::add(counted().cases, "hosts x operations");
+    figures::add(counted().skipped, "skipped");
     figures::add(counted().wrong, "wrong results");
     figures::add(counted().programs, "programs run");
     figures::add(counted().inherited, "with something inherited");
@@ -87,13 +93,12 @@ std::string difference(const std::string& before, const std::string& after) {
 // The host: it has a locale, a sequence of random numbers and an open system log of its own.
 std::string runIn(const Host& host, const Operation& operation) {
   processes::Child child([&] {
-    (void)alarm(kPatience);
     (void)std::setlocale(LC_ALL, "C.UTF-8");
     std::srand(7);
     (void)std::rand();
     const int expected = std::rand();
     syslog(LOG_DEBUG, "odd host %s", host.name);
-    host.arrange();
+    if (!host.arrange()) return std::string(kNotArranged);
     std::srand(7);
     (void)std::rand();
     const std::string before = stateOfHost();
@@ -102,7 +107,7 @@ std::string runIn(const Host& host, const Operation& operation) {
     if (std::rand() != expected) return answer + ", other random numbers";
     return before == after ? answer : answer + ", changed\n" + difference(before, after);
   });
-  const std::string answer = child.answer();
+  const std::string answer = child.answerWithin(kPatience);
   std::error_code error;
   fs::rename("/dev/log.away", "/dev/log", error);
   return answer;
@@ -135,7 +140,6 @@ std::string inherited(const Host& host) {
 }
 
 void expectRow(const Host& host, const Operation& operation) {
-  ++counted().cases;
   prepare();
   operation.arrange();
   fs::remove_all("/tmp/tool");
@@ -143,6 +147,12 @@ void expectRow(const Host& host, const Operation& operation) {
   makePoison();
 
   const std::string answer = runIn(host, operation);
+  if (answer == kNotArranged) {
+    ++counted().skipped;
+    std::cout << "skipped: " << host.name << ", " << operation.name << ": cannot be arranged\n";
+    return;
+  }
+  ++counted().cases;
   const std::string calls = plugInCalls();
   const std::string left = inherited(host);
   const std::string seen = operation.seen();
@@ -174,7 +184,8 @@ TEST_F(OddHosts, OperationsAreRightAndLeaveNoTrace) {
       }
     }
   }
-  EXPECT_GE(counted().cases, kPromised);
+  EXPECT_GE(counted().cases + counted().skipped, kPromised);
+  EXPECT_LE(counted().skipped, kSkippable * static_cast<unsigned>(figures::longer()));
 }
 
 // A program started with the poisoned environment is poisoned: the mark of the sweep can be made.

@@ -71,13 +71,17 @@ int attach(int image, std::string& path) {
 
 }  // namespace
 
-std::string whyNone() {
+std::string whyNone(const std::string& image, const std::string& directory,
+                    const std::string& options) {
   const Descriptor control(openControl());
   if (!control.valid()) return std::string(kControl) + ": " + std::strerror(errno);
   if (ioctl(control.get(), LOOP_CTL_GET_FREE) < 0) {
     return std::string("no free loop device: ") + std::strerror(errno);
   }
-  return {};
+  if (!make(image)) return "mkfs.ext4 makes no file system";
+  errno = 0;
+  const Mounted tried(image, directory, options);
+  return tried.done() ? "" : std::string("no ext4 on a loop device: ") + std::strerror(errno);
 }
 
 Mounted::Mounted(const std::string& image, const std::string& directory, const std::string& options)

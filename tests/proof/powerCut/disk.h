@@ -25,11 +25,13 @@ class Mounted {
   bool done_ = false;
 };
 
-// Why this machine has no loop devices for us; empty when it has.
-std::string whyNone();
-
 // Makes a new, empty file system of ext4 in the file `image`.
 bool make(const std::string& image);
+
+// Why this machine has no such disk for us, without a loop device, ext4 or the right to mount;
+// empty when it has. Tries with the file `image`.
+std::string whyNone(const std::string& image, const std::string& directory,
+                    const std::string& options);
 
 // Copies the image as the disk holds it at this moment.
 bool copy(const std::string& image, const std::string& to);

@@ -50,7 +50,6 @@ class PowerCut : public testing::TestWithParam<std::string> {
  protected:
   void SetUp() override {
     ASSERT_TRUE(disk::make(kImage));
-    (void)mkdir(kAfter, 0700);
     live_.emplace(kImage, kDirectory, GetParam());
     ASSERT_TRUE(live_->done());
     // The library makes a new profile only beside another one.
@@ -155,7 +154,9 @@ class Figures : public testing::Environment {
  public:
   void SetUp() override {
     figures::open("power-cut");
-    const std::string reason = disk::whyNone();
+    (void)mkdir(kAfter, 0700);
+    std::string reason = disk::whyNone(kImage, kAfter, kOptions.back());
+    if (reason.empty()) reason = sweep::whyNoTrace();
     if (reason.empty()) return;
     figures::add(1, "skipped: " + reason);
     std::exit(kSkipped);

@@ -2,8 +2,13 @@
 // protected_* switches back to what they were, also when command and caller were killed. For that a
 // process outside of theirs waits for the end of a pipe whose other end the command and its
 // children have and nobody else.
+//
+// Commands take turns over the whole machine: who read the switches while another has changed them
+// would set them to that. The turn is a lock whose descriptor ends up with the waiting process
+// alone, so it lasts until the switches are back.
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,9 +20,21 @@
 
 namespace {
 
+constexpr char kTurns[] = "/run/tarn-proof-switches.lock";
+constexpr unsigned kLongestWait = 240;  // seconds; a turn is one test
+
 [[noreturn]] void stop(const char* what) {
   std::perror(what);
   std::_Exit(125);
+}
+
+// The descriptor is close-on-exec: the command does not have it.
+void waitForTurn() {
+  const int fd = open(kTurns, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) stop(kTurns);
+  (void)alarm(kLongestWait);
+  if (flock(fd, LOCK_EX) != 0) stop("flock");
+  (void)alarm(0);
 }
 
 // Nothing of the caller's is kept: its standard output would never end.
@@ -42,6 +59,7 @@ int main(int argc, char** argv) {
     std::fputs("Usage: keepSwitches COMMAND [ARG...]\n", stderr);
     return 2;
   }
+  waitForTurn();
   squatting::Switches switches;
   std::array<int, 2> ends = {-1, -1};
   if (pipe(ends.data()) != 0) stop("pipe");

@@ -36,7 +36,7 @@ const std::vector<std::string>& closedPlaces();
 void reset();
 
 // What `operation` answers in a process of its own: "true" or "false", "(signal 14)" when it took
-// ten seconds, and "late" behind it when it took one.
+// ten seconds, and "late" behind it when it took one of those in which it had a processor.
 std::string answer(bool (*operation)());
 
 // Whether what is at the place is as it must be, or what is wrong with it; `squat` describes what

@@ -1,5 +1,6 @@
 #include "switches.h"
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 
@@ -19,6 +20,8 @@ bool setValue(const char* path, int value) {
   return file.good();
 }
 
+constexpr Setting kDebians = {1, 1, 1, 2};
+
 }  // namespace
 
 std::string text(const Setting& setting) {
@@ -30,7 +33,7 @@ std::string text(const Setting& setting) {
   return all;
 }
 
-std::vector<Setting> settings(bool every) {
+std::vector<Setting> settings(bool every, const Setting& machines) {
   std::vector<Setting> all;
   for (int symlinks = 0; symlinks < 2; ++symlinks) {
     for (int hardlinks = 0; hardlinks < 2; ++hardlinks) {
@@ -40,6 +43,11 @@ std::vector<Setting> settings(bool every) {
         }
       }
     }
+  }
+  for (const Setting& met : {kDebians, machines}) {
+    const bool known = std::find(all.begin(), all.end(), met) != all.end();
+    const bool absent = std::find(met.begin(), met.end(), -1) != met.end();
+    if (!known && !absent) all.push_back(met);
   }
   return all;
 }

@@ -21,8 +21,8 @@ using Setting = std::array<int, kSwitches.size()>;
 std::string text(const Setting& setting);
 
 // Links on and off, hard links on and off, and for FIFOs and files the levels 0, 1, 2: both the
-// same, or with `every` in all combinations.
-std::vector<Setting> settings(bool every);
+// same, and besides what Debian sets and what `machines` is; or with `every` all combinations, 36.
+std::vector<Setting> settings(bool every, const Setting& machines);
 
 // Sets the machine's switches, and sets them back at its end. When the process is killed, the
 // program keepSwitches, which the test is started by, does that.
@@ -33,7 +33,7 @@ class Switches {
   Switches(const Switches&) = delete;
   Switches& operator=(const Switches&) = delete;
 
-  const Setting& machines() const { return machines_; }
+  const Setting& machines() const { return machines_; }  // -1: there is no such switch
   // False when the machine does not allow it or has no such switch.
   bool set(const Setting& setting);
 

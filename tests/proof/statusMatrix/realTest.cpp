@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -31,7 +32,13 @@ using matrix::Scenario;
 constexpr char kToolPlan[] = "/tmp/tool/plan";  // of the tool that stands in
 constexpr char kProfile[] = "office";
 
-figures::Counts tally("status-matrix/real", {"cases", "wrong"});
+// The name of the tools' variant, given by whoever starts the program.
+std::string variant() {
+  const char* const name = std::getenv("TARN_VARIANT");
+  return name == nullptr ? "real" : name;
+}
+
+figures::Counts tally("status-matrix/" + variant(), {"cases", "wrong"});
 
 // --- between the library and the platform ---
 

@@ -16,6 +16,7 @@
 #include "ops/baseChains.h"
 #include "ops/executionLock.h"
 #include "tarnfirewall.h"
+#include "unreadableFamily.h"
 
 namespace {
 
@@ -86,6 +87,29 @@ TEST_F(Lifecycle, DropPeriodNeverStays) {
     EXPECT_EQ(told(ops::supervise({}, row.operation)), std::string(row.told) + kOpened) << row.name;
     EXPECT_EQ(machine::filterTables(), open) << row.name;
   }
+}
+
+// The mark of the family that cannot be read stays, its policies do not.
+TEST_F(Lifecycle, DeathLeavesTheFamilyThatCannotBeReadOpenToo) {
+  {
+    const UnreadableFamily unreadable("ip6tables");
+    const ops::Supervised outcome = ops::supervise({/*needsChains=*/false, /*checked=*/false}, [] {
+      return dropThen([] { return die(SIGKILL); });
+    });
+    EXPECT_EQ(
+        told(outcome),
+        "failed: the worker process was killed (Killed); the policies could not be checked: "
+        "/sbin/ip6tables -S: no such family; run 'tarnfw recover'\n"
+        "/sbin/iptables --policy INPUT ACCEPT\n"
+        "/sbin/iptables --policy FORWARD ACCEPT\n"
+        "/sbin/ip6tables --policy INPUT ACCEPT\n"
+        "/sbin/ip6tables --policy FORWARD ACCEPT\n"
+        "/sbin/iptables -D FIREWALL_RELOADING -m state --state RELATED,ESTABLISHED -j ACCEPT\n");
+  }
+  ops::LiveFilter filter;
+  std::string reason;
+  EXPECT_TRUE(ops::readFilter(filter, reason)) << reason;
+  EXPECT_TRUE(filter.open());
 }
 
 // Before the mark is set, the record alone tells that the policy is ours; the other one was
@@ -220,8 +244,7 @@ TEST_F(Lifecycle, UseLoadsTheOtherProfile) {
 }
 
 // What a reload that had begun before has loaded by the time the chains were flushed.
-TEST_F(Lifecycle, DisabledFirewallEndsEmpty) {
-  EXPECT_EQ(told(ops::enableFirewall()), "done\n");
+void loadLate() {
   ASSERT_EQ(
       machine::run("mkdir -p /usr/tarn/libexec/plugins/net/firewall_disable && printf "
                    "'#!/bin/sh\\n[ \"$1\" = post ] && /sbin/iptables -A INPUT_FIREWALL -j "
@@ -229,8 +252,28 @@ TEST_F(Lifecycle, DisabledFirewallEndsEmpty) {
                    "755 /usr/tarn/libexec/plugins/net/firewall_disable/late")
           .status,
       0);
+}
+
+TEST_F(Lifecycle, DisabledFirewallEndsEmpty) {
+  EXPECT_EQ(told(ops::enableFirewall()), "done\n");
+  loadLate();
   EXPECT_EQ(told(ops::disableFirewall()), "done\n");
   EXPECT_EQ(machine::run("iptables -S INPUT_FIREWALL").out, "-N INPUT_FIREWALL\n");
+  EXPECT_EQ(machine::run("rm -r /usr/tarn/libexec/plugins/net").status, 0);
+}
+
+TEST_F(Lifecycle, DisableOpensAndEmptiesTheFamilyThatCanBeRead) {
+  EXPECT_EQ(told(ops::enableFirewall()), "done\n");
+  loadLate();
+  ASSERT_TRUE(FW::TARNFW().cmdExec("/sbin/iptables --policy INPUT DROP"));
+  {
+    const UnreadableFamily unreadable("ip6tables");
+    EXPECT_EQ(told(ops::disableFirewall()),
+              "failed: /sbin/ip6tables -S: no such family\n"
+              "/sbin/iptables --policy INPUT ACCEPT\n");
+  }
+  EXPECT_EQ(machine::run("iptables -S INPUT_FIREWALL; iptables -S | grep -c 'P INPUT ACCEPT'").out,
+            "-N INPUT_FIREWALL\n1\n");
   EXPECT_EQ(machine::run("rm -r /usr/tarn/libexec/plugins/net").status, 0);
 }
 

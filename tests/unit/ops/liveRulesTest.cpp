@@ -111,6 +111,14 @@ TEST(LiveRules, ToolThatDoesNotAnswerIsTheReason) {
   std::string reason;
   EXPECT_FALSE(ops::readFilter(filter, reason));
   EXPECT_EQ(reason, "/sbin/ip6tables -S: No such file or directory");
+  ASSERT_EQ(machine::run("mv /etc/alternatives/iptables /etc/alternatives/iptables-gone").status,
+            0);
+  EXPECT_FALSE(ops::readFilter(filter, reason));
+  EXPECT_EQ(reason,
+            "/sbin/iptables -S: No such file or directory, "
+            "/sbin/ip6tables -S: No such file or directory");
+  ASSERT_EQ(machine::run("mv /etc/alternatives/iptables-gone /etc/alternatives/iptables").status,
+            0);
   ASSERT_EQ(machine::run("mv /etc/alternatives/ip6tables-gone /etc/alternatives/ip6tables").status,
             0);
 }

@@ -1,5 +1,6 @@
 #include "ops/recovery.h"
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 #include "machine.h"
 #include "ops/baseChains.h"
 #include "ops/processes.h"
+#include "unreadableFamily.h"
 
 namespace {
 
@@ -52,6 +54,13 @@ const Row kRows[] = {
     {"RecordedPolicyWithoutMark", "-P INPUT DROP\n-P FORWARD DROP\n", kOpen, {"v4 INPUT", "v6 INPUT", "v6 FORWARD"},
      "/sbin/iptables --policy INPUT ACCEPT\n"},
     {"RecordOfOpenPolicies", kOpen, kOpen, {"v4 INPUT", "v4 FORWARD", "v6 INPUT", "v6 FORWARD"}, ""},
+    {"MarkDoesNotSpeakForAFamilyThatWasNotRead", std::string(kClosed) + kMark, "", {},
+     "/sbin/iptables --policy INPUT ACCEPT\n"
+     "/sbin/iptables --policy FORWARD ACCEPT\n"
+     "/sbin/iptables -D FIREWALL_RELOADING -m state --state RELATED,ESTABLISHED -j ACCEPT\n"},
+    {"RecordSpeaksForAFamilyThatWasNotRead", "", kClosed, {"v4 FORWARD", "v6 INPUT"},
+     "/sbin/iptables --policy FORWARD ACCEPT\n"
+     "/sbin/ip6tables --policy INPUT ACCEPT\n"},
 };
 // clang-format on
 
@@ -62,6 +71,18 @@ std::string deadRecord(int start) {
 }
 
 std::string records() { return machine::run("ls /run/tarn | grep open_policies").out; }
+
+// The note of a policy in this network namespace.
+std::string noteOf(const std::string& policy) {
+  return "/run/tarn/closed_policy." + policy + "." +
+         machine::run("stat -Lc %i /proc/self/ns/net | tr -d '\\n'").out;
+}
+
+std::vector<std::string> texts(const std::vector<ops::Command>& commands) {
+  std::vector<std::string> all;
+  for (const ops::Command& command : commands) all.push_back(command.text());
+  return all;
+}
 
 // A process that leads a session, has done something and waits for its end; with a child of its own
 // if that is asked for.
@@ -130,6 +151,19 @@ TEST(Recovery, RecordIsReadAsWrittenUntilForgotten) {
   EXPECT_EQ(ops::recordedOpenPolicies(), std::vector<std::string>());
 }
 
+TEST(Recovery, RecordIsRootsAloneWhateverTheMask) {
+  machine::reset();
+  const mode_t mask = umask(0);
+  EXPECT_TRUE(ops::writeOpenPolicies({"v4 INPUT"}));
+  EXPECT_EQ(machine::run("stat -c %a /run/tarn/open_policies.*").out, "600\n");
+  EXPECT_EQ(machine::run("chmod 666 /run/tarn/open_policies.*").status, 0);
+  EXPECT_TRUE(ops::writeOpenPolicies({}));
+  EXPECT_EQ(machine::run("cd /run/tarn && stat -c %a open_policies.* && cat open_policies.*").out,
+            "600\n[]");
+  (void)umask(mask);
+  ops::forgetOpenPolicies();
+}
+
 TEST(Recovery, DamagedRecordsAreNone) {
   machine::reset();
   ASSERT_TRUE(ops::writeOpenPolicies({}));
@@ -167,21 +201,31 @@ TEST(Recovery, NotedPoliciesAreOursWithoutMarkAndRecord) {
   ASSERT_EQ(machine::run("iptables -P INPUT DROP && iptables -P FORWARD DROP").status, 0);
   ops::LiveFilter filter;
   EXPECT_EQ(ops::recover(filter).commands.size(), 0U);
-  ASSERT_EQ(machine::run("mkdir -p /run/tarn && touch /run/tarn/closed_policy.iptables.INPUT "
-                         "/run/tarn/closed_policy.ip6tables.FORWARD")
-                .status,
-            0);
+  const std::string note = noteOf("ip6tables.FORWARD");
+  ASSERT_EQ(machine::run("touch " + noteOf("iptables.INPUT") + " " + note).status, 0);
   const ops::Recovery recovery = ops::recover(filter);
   ASSERT_EQ(recovery.commands.size(), 1U);
   EXPECT_EQ(recovery.commands[0].text(), "/sbin/iptables --policy INPUT ACCEPT");
-  EXPECT_EQ(machine::run("ls /run/tarn | grep policy").out, "closed_policy.ip6tables.FORWARD\n");
+  EXPECT_EQ(machine::run("ls /run/tarn/closed*").out, note + "\n");
   ASSERT_EQ(machine::run("iptables -P FORWARD ACCEPT").status, 0);
 
   // The tool of a note that is new may be on the way; an old one has nothing to tell.
-  ASSERT_EQ(
-      machine::run("touch -d '2 minutes ago' /run/tarn/closed_policy.ip6tables.FORWARD").status, 0);
+  ASSERT_EQ(machine::run("touch -d '2 minutes ago' " + note).status, 0);
   EXPECT_EQ(ops::recover(filter).commands.size(), 0U);
   EXPECT_EQ(machine::run("ls /run/tarn | grep policy").out, "");
+}
+
+TEST(Recovery, NotesOfOtherNetworkNamespacesAreNotOurs) {
+  machine::reset();
+  ASSERT_EQ(ops::setUpBaseChains().errors.size(), 0U);
+  ASSERT_EQ(machine::run("iptables -P INPUT DROP && cd /run/tarn && touch -d '2 minutes ago' "
+                         "closed_policy.iptables.INPUT.1 closed_policy.ip6tables.INPUT.1")
+                .status,
+            0);
+  ops::LiveFilter filter;
+  EXPECT_EQ(ops::recover(filter).commands.size(), 0U);
+  EXPECT_EQ(machine::run("ls /run/tarn | grep policy").out,
+            "closed_policy.ip6tables.INPUT.1\nclosed_policy.iptables.INPUT.1\n");
 }
 
 // A living worker without the execution lock has closed nothing, so what is closed is somebody
@@ -221,10 +265,45 @@ TEST(Recovery, RecordStaysWhenNothingCouldBeRead) {
   ASSERT_EQ(machine::run("mv /etc/alternatives/iptables /etc/alternatives/iptables-gone").status,
             0);
   ops::LiveFilter filter;
-  EXPECT_EQ(ops::recover(filter).errors.size(), 1U);
+  EXPECT_EQ(ops::recover(filter).errors,
+            (std::vector<std::string>{
+                "/sbin/iptables -S: No such file or directory",
+                "/sbin/iptables --policy INPUT ACCEPT: No such file or directory"}));
   EXPECT_NE(records(), "");
   ASSERT_EQ(machine::run("mv /etc/alternatives/iptables-gone /etc/alternatives/iptables").status,
             0);
+}
+
+// The other one is opened, and in this one what is ours by record; the foreign policy stays.
+TEST(Recovery, FamilyThatCannotBeReadKeepsNothingShut) {
+  for (const std::string& tool : {std::string("iptables"), std::string("ip6tables")}) {
+    machine::reset();
+    ASSERT_EQ(ops::setUpBaseChains().errors.size(), 0U);
+    ASSERT_EQ(machine::run("iptables -P INPUT DROP; ip6tables -P INPUT DROP; " + tool +
+                           " -P FORWARD DROP")
+                  .status,
+              0);
+    machine::write(deadRecord(1), R"(["v4 INPUT", "v6 INPUT"])");
+    const std::vector<std::string> commands = {"/sbin/iptables --policy INPUT ACCEPT",
+                                               "/sbin/ip6tables --policy INPUT ACCEPT"};
+    const std::vector<std::string> errors = {"/sbin/" + tool + " -S: no such family"};
+    {
+      const UnreadableFamily unreadable(tool);
+      const ops::Recovery plan = ops::planRecovery();
+      EXPECT_EQ(texts(plan.commands), commands);
+      EXPECT_EQ(plan.errors, errors);
+      ops::LiveFilter filter;
+      const ops::Recovery recovery = ops::recover(filter);
+      EXPECT_EQ(texts(recovery.commands), commands);
+      EXPECT_EQ(recovery.errors, errors);
+    }
+    EXPECT_EQ(machine::run("iptables -S INPUT; ip6tables -S INPUT; " + tool + " -S FORWARD").out,
+              "-P INPUT ACCEPT\n-A INPUT -j FIREWALL_RELOADING\n-A INPUT -j INPUT_FIREWALL\n"
+              "-P INPUT ACCEPT\n-A INPUT -j FIREWALL_RELOADING\n-A INPUT -j INPUT_FIREWALL\n"
+              "-P FORWARD DROP\n-A FORWARD -j FIREWALL_RELOADING\n-A FORWARD -j FORWARD_FIREWALL\n")
+        << tool;
+    EXPECT_NE(records(), "") << tool;
+  }
 }
 
 TEST(Recovery, UndoesWhatIsInTheKernel) {

@@ -272,7 +272,7 @@ TEST_F(KeyValueFile, UntrustedFileInSharedDirectoryIsReplaced) {
       {"Link", "ln -s /tmp/platform/victim file", refused + "0 stood in the way: removed"},
       {"HardLink", "ln /tmp/platform/victim file", refused + "0 stood in the way: removed"},
       {"Fifo", "mkfifo file", refused + "0 stood in the way: removed"},
-      {"Directory", "mkdir file", refused + "0 stood in the way: renamed"},
+      {"Directory", "mkdir file", refused + "0 stood in the way: removed"},
   };
   // clang-format on
   for (const SquatterRow& row : rows) {

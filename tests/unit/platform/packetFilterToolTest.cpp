@@ -2,6 +2,7 @@
 // done when it is busy. The tools are shell scripts of the tests.
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -181,16 +183,32 @@ TEST_F(PacketFilterTool, ThreadsTakeTurns) {
 struct PolicyRow {
   const char* name;
   std::vector<std::string> arguments;
-  const char* during;      // files of /run/tarn while the tool runs
+  const char* during;      // files of /run/tarn while the tool runs; NS: the network namespace
   const char* afterwards;  // and when it has ended with status 0
 };
+
+// The same text with the inode number of the network namespace written as NS.
+std::string withoutNamespace(std::string text) {
+  struct stat status = {};
+  EXPECT_EQ(0, stat("/proc/self/ns/net", &status));
+  const std::string number = "." + std::to_string(status.st_ino);
+  for (std::size_t at = 0; (at = text.find(number, at)) != std::string::npos;) {
+    text.replace(at, number.size(), ".NS");
+  }
+  return text;
+}
+
+int setPolicy(const char* target) {
+  const Arguments arguments({"/sbin/iptables", "--policy", "INPUT", target});
+  return TLIBCExecv(arguments.path(), arguments.get(), /*wait=*/1);
+}
 
 void PrintTo(const PolicyRow& row, std::ostream* out) { *out << row.name; }
 
 // clang-format off
 const std::vector<PolicyRow> kPolicyRows = {
-    {"Closes", {"/sbin/iptables", "--policy", "INPUT", "DROP"}, "closed_policy.iptables.INPUT noted\n", "closed_policy.iptables.INPUT noted"},
-    {"ClosesForward", {"/sbin/ip6tables", "--policy", "FORWARD", "DROP"}, "closed_policy.ip6tables.FORWARD noted\n", "closed_policy.ip6tables.FORWARD noted"},
+    {"Closes", {"/sbin/iptables", "--policy", "INPUT", "DROP"}, "closed_policy.iptables.INPUT.NS noted\n", "closed_policy.iptables.INPUT.NS noted"},
+    {"ClosesForward", {"/sbin/ip6tables", "--policy", "FORWARD", "DROP"}, "closed_policy.ip6tables.FORWARD.NS noted\n", "closed_policy.ip6tables.FORWARD.NS noted"},
     {"Opens", {"/sbin/iptables", "--policy", "FORWARD", "ACCEPT"}, "noted\n", "noted"},
     {"OtherChain", {"/sbin/iptables", "--policy", "OUTPUT", "DROP"}, "noted\n", "noted"},
     {"NoPlainChain", {"/sbin/iptables", "--policy", "../INPUT", "DROP"}, "noted\n", "noted"},
@@ -207,29 +225,78 @@ TEST_P(Policy, IsNotedBeforeItIsClosed) {
   run("mkdir /run/tarn && touch /run/tarn/noted");
   const Arguments arguments(GetParam().arguments);
   EXPECT_EQ(0, TLIBCExecv(arguments.path(), arguments.get(), /*wait=*/1));
-  EXPECT_EQ(GetParam().during, files::read(kRecord));
-  EXPECT_EQ(GetParam().afterwards, files::listing("/run/tarn"));
+  EXPECT_EQ(GetParam().during, withoutNamespace(files::read(kRecord)));
+  EXPECT_EQ(GetParam().afterwards, withoutNamespace(files::listing("/run/tarn")));
 }
 
 INSTANTIATE_TEST_SUITE_P(PacketFilterTool, Policy, testing::ValuesIn(kPolicyRows),
                          [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(PacketFilterTool, PolicyIsForgottenWhenTheToolHasOpenedIt) {
-  const auto policy = [](const char* target) {
-    const Arguments arguments({"/sbin/iptables", "--policy", "INPUT", target});
-    return TLIBCExecv(arguments.path(), arguments.get(), /*wait=*/1);
-  };
   files::write(kTool, "exit 0\n");
-  EXPECT_EQ(0, policy("DROP"));
-  EXPECT_EQ("100600 1 links, owner 0", statusOf("/run/tarn/closed_policy.iptables.INPUT"));
-  EXPECT_EQ(0, policy("ACCEPT"));
+  EXPECT_EQ(0, setPolicy("DROP"));
+  EXPECT_EQ("100600 1 links, owner 0", statusOf("/run/tarn/" + files::listing("/run/tarn")));
+  EXPECT_EQ(0, setPolicy("ACCEPT"));
   EXPECT_EQ("", files::listing("/run/tarn"));
-  EXPECT_EQ(0, policy("DROP"));
+  EXPECT_EQ(0, setPolicy("DROP"));
   files::write(kTool, "kill -KILL $$\n");
-  EXPECT_EQ(-1, policy("ACCEPT"));
-  EXPECT_EQ("closed_policy.iptables.INPUT", files::listing("/run/tarn"))
+  EXPECT_EQ(-1, setPolicy("ACCEPT"));
+  EXPECT_EQ("closed_policy.iptables.INPUT.NS", withoutNamespace(files::listing("/run/tarn")))
       << "it may still be closed";
   (void)trace::take();
+}
+
+// How the run ends that is to close a policy.
+struct ClosingRow {
+  const char* name;
+  bool notedBefore;
+  const char* tool;
+  int status;
+  const char* afterwards;
+};
+
+void PrintTo(const ClosingRow& row, std::ostream* out) { *out << row.name; }
+
+const std::vector<ClosingRow> kClosingRows = {
+    {"RefusedClosesNothing", false, "exit 1", 1, ""},
+    {"RefusedForLackOfRights", false, "exit 4", 4, ""},
+    {"RefusedAfterAnotherHasClosed", true, "exit 1", 1, "closed_policy.iptables.INPUT.NS"},
+    {"KilledMayHaveClosed", false, "kill -KILL $$", -1, "closed_policy.iptables.INPUT.NS"},
+};
+
+class Closing : public PacketFilterTool, public testing::WithParamInterface<ClosingRow> {};
+
+TEST_P(Closing, LeavesANoteUnlessItWasRefused) {
+  run("mkdir /run/tarn");
+  files::write(kTool, "exit 0\n");
+  if (GetParam().notedBefore) {
+    EXPECT_EQ(0, setPolicy("DROP"));
+  }
+  files::write(kTool, std::string(GetParam().tool) + "\n");
+  EXPECT_EQ(GetParam().status, setPolicy("DROP"));
+  EXPECT_EQ(GetParam().afterwards, withoutNamespace(files::listing("/run/tarn")));
+  (void)trace::take();
+}
+
+INSTANTIATE_TEST_SUITE_P(PacketFilterTool, Closing, testing::ValuesIn(kClosingRows),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+// The notes of a thread are those of its own network namespace.
+TEST_F(PacketFilterTool, PolicyIsNotedForTheNetworkNamespaceOfTheThread) {
+  files::write(kTool,
+               "echo $(stat -Lc %i /proc/self/ns/net) $(ls /run/tarn) >>/tmp/platform/record\n");
+  std::thread thread([] {
+    EXPECT_EQ(0, unshare(CLONE_NEWNET));
+    EXPECT_EQ(0, setPolicy("DROP"));
+  });
+  thread.join();
+  std::istringstream record(files::read(kRecord));
+  std::string number;
+  std::string note;
+  record >> number >> note;
+  EXPECT_EQ("closed_policy.iptables.INPUT." + number, note);
+  EXPECT_EQ(note, withoutNamespace(note)) << "another namespace than ours";
+  EXPECT_EQ(note, files::listing("/run/tarn"));
 }
 
 // --- runs that are repeated ---
