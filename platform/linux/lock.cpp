@@ -31,6 +31,9 @@ namespace {
 
 constexpr int kExclusive = 1;
 constexpr mode_t kMode = 0600;  // whoever can open the file can lock it
+constexpr char kGateDirectory[] = "/run/tarn";
+constexpr mode_t kGateDirectoryMode = 0755;
+constexpr char kGate[] = "/run/tarn/lock_gate";
 // A user who puts something at the name again and again is overcome within a second: he must be
 // faster than we are every time.
 constexpr int kAttemptsInGate = 100;
@@ -74,11 +77,8 @@ class Gate {
 
  private:
   static bool openGatePlace(Place* gate) {
-    constexpr char kDirectory[] = "/run/tarn";
-    constexpr char kFile[] = "/run/tarn/lock_gate";
-    constexpr mode_t kDirectoryMode = 0755;
-    return openPlace(kFile, gate) ||
-           (mkdir(kDirectory, kDirectoryMode) == 0 && openPlace(kFile, gate));
+    return openPlace(kGate, gate) ||
+           (mkdir(kGateDirectory, kGateDirectoryMode) == 0 && openPlace(kGate, gate));
   }
 
   Descriptor file_;
