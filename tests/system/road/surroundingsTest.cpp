@@ -275,6 +275,13 @@ TEST_F(PlugInCalls, EveryOneGetsTheResult) {
       "10-first pre 0\n20-second pre 0\n30-third pre 0\n"
       "10-first post -1\n20-second post -1\n30-third post -1\n",
       files::read("/tmp/tool/hooks"));
+  const std::string log =
+      "fwHook Failed to run hook: net/firewall_enable\n"
+      "tarnFW Failed to run firewall enable pre-hook.\n" +
+      notRun("/sbin/iptables", "-A INPUT_FIREWALL -i lo -j ACCEPT") + kSwitchedOff +
+      "fwHook Failed to run hook: net/firewall_enable\n"
+      "tarnFW Failed to run firewall enable post-hook.\n";
+  EXPECT_EQ(log, road::libraryLog(log));
 }
 
 // --- what takes its time: each of these waits out a limit of half a minute ---
