@@ -295,11 +295,43 @@ int openTemporary(const std::string& path, mode_t mode) {
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 std::string render(const Json::Value& value) { return Json::StyledWriter().write(value); }
 
-bool parse(const std::string& text, Json::Value& value) {
+bool parse(const std::string& text, Json::Value& value, bool collectComments) {
   Json::Reader reader;
-  return reader.parse(text.data(), text.data() + text.size(), value, /*collectComments=*/true);
+  return reader.parse(text.data(), text.data() + text.size(), value, collectComments);
 }
 #pragma GCC diagnostic pop
+
+// A deep copy of the data alone.
+Json::Value withoutComments(const Json::Value& value) {
+  Json::Value bare;
+  if (value.isObject() && !value.empty()) {
+    for (auto member = value.begin(); member != value.end(); ++member) {
+      bare[member.name()] = withoutComments(*member);
+    }
+  } else if (value.isArray() && !value.empty()) {
+    for (const Json::Value& element : value) bare.append(withoutComments(element));
+  } else {
+    Json::Value copy = value;
+    bare.swapPayload(copy);  // comments are left behind
+  }
+  return bare;
+}
+
+// The text of a document. Comments that an administrator has put into it are kept, but the styled
+// writer puts some of them before a bracket that they then swallow: such a document goes without.
+std::string documentText(const Json::Value& value) {
+  std::string text = render(value);
+  const bool mayHoldComments =
+      text.find("//") != std::string::npos || text.find("/*") != std::string::npos;
+  if (!mayHoldComments) return text;
+  try {
+    Json::Value read;
+    const bool same = parse(text, read, /*collectComments=*/false) && read == value;
+    return same ? text : render(withoutComments(value));
+  } catch (const Json::Exception&) {  // nested more deeply than can be read
+    return text;
+  }
+}
 
 }  // namespace
 
@@ -350,7 +382,8 @@ bool jsonFileLoad(Json::Value& value, const std::string& path) {
     return here().fail("Failed to open json file %s", path.c_str());
   }
   std::string text;
-  if (!readAll(file.get(), static_cast<std::size_t>(info.st_size), text) || !parse(text, value)) {
+  if (!readAll(file.get(), static_cast<std::size_t>(info.st_size), text) ||
+      !parse(text, value, /*collectComments=*/true)) {
     return here().fail("Failed to parse Json value of %s", path.c_str());
   }
   return true;
@@ -367,7 +400,7 @@ bool jsonFileDump(const Json::Value& value, const std::string& path) {
   const std::string temporary = path + ".tmp";
   Descriptor file(openTemporary(temporary, modeForDocument(path)));
   if (!file.open()) return here().fail("Failed to open json file %s", temporary.c_str());
-  if (!writeAll(file.get(), render(value)) || !flushToDisk(file.get()) || !file.close()) {
+  if (!writeAll(file.get(), documentText(value)) || !flushToDisk(file.get()) || !file.close()) {
     return here().fail("Failed to write json file %s: %s", temporary.c_str(), std::strerror(errno));
   }
   if (rename(temporary.c_str(), path.c_str()) != 0) {

@@ -36,7 +36,33 @@ bool parse(const std::string& text, Json::Value& value) {
   return Json::Reader().parse(text, value);
 }
 
-std::string styled(const Json::Value& value) { return Json::StyledWriter().write(value); }
+Json::Value withoutComments(const Json::Value& value) {
+  if (value.isObject() && !value.empty()) {
+    Json::Value bare(Json::objectValue);
+    for (const std::string& name : value.getMemberNames()) {
+      bare[name] = withoutComments(value[name]);
+    }
+    return bare;
+  }
+  if (value.isArray() && !value.empty()) {
+    Json::Value bare(Json::arrayValue);
+    for (const Json::Value& element : value) bare.append(withoutComments(element));
+    return bare;
+  }
+  Json::Value bare;
+  Json::Value copy = value;
+  bare.swapPayload(copy);  // leaves the comments behind
+  return bare;
+}
+
+// Comments stay, but for those that the writer lets swallow something.
+std::string styled(const Json::Value& value) {
+  std::string text = Json::StyledWriter().write(value);
+  if (text.find("//") == std::string::npos && text.find("/*") == std::string::npos) return text;
+  Json::Value read;
+  const bool same = Json::Reader().parse(text, read, /*collectComments=*/false) && read == value;
+  return same ? text : Json::StyledWriter().write(withoutComments(value));
+}
 
 // What an operation is given; text that is no JSON stands for the usual change.
 Json::Value argumentOf(const std::string& text) {

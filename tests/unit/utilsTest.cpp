@@ -210,6 +210,22 @@ TEST_P(Load, ReadsTheText) {
 INSTANTIATE_TEST_SUITE_P(Utils, Load, testing::ValuesIn(kLoadRows),
                          [](const auto& row) { return std::string(row.param.name); });
 
+// The styled writer puts the last comment of a list before the bracket that ends it.
+TEST_F(Utils, CommentsDoNotMakeADocumentUnreadable) {
+  const char* const kComments = "{\"a\": [1, // one\n2 // two \n]// list\n}";
+  files::write(kDocument, kComments);
+  Json::Value value;
+  ASSERT_TRUE(jsonFileLoad(value, kDocument));
+  EXPECT_TRUE(jsonFileDump(value, kDocument));
+  EXPECT_EQ("{\n   \"a\" : [ 1, 2 ]\n}\n", files::read(kDocument));
+
+  files::write(kDocument, "{\n   // where the rules come from\n   \"a\" : \"http://x\"\n}\n");
+  ASSERT_TRUE(jsonFileLoad(value, kDocument));
+  EXPECT_TRUE(jsonFileDump(value, kDocument));
+  EXPECT_EQ("{\n   // where the rules come from\n   \"a\" : \"http://x\"\n}\n",
+            files::read(kDocument));
+}
+
 TEST_F(Utils, LoadOfAnAbsentDocumentMakesNoLockFile) {
   Json::Value value = "untouched";
   EXPECT_FALSE(jsonFileLoad(value, kDocument));
