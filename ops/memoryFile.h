@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "linux/descriptor.h"
+#include "descriptor.h"
 
 namespace ops {
 
-using tarnrun::Descriptor;
+using tarn::Descriptor;
 
 // A file that has no name and lives in memory, close-on-exec. Not valid when the system has no room
 // for it.

@@ -17,9 +17,9 @@
 
 #include <json/value.h>
 
+#include "descriptor.h"
 #include "jsonText.h"
 #include "linux/closedPolicies.h"
-#include "linux/descriptor.h"
 #include "processes.h"
 #include "runtimeFiles.h"
 
@@ -166,9 +166,9 @@ bool writeOpenPolicies(const std::vector<std::string>& policies) {
   for (const std::string& policy : policies) record.append(policy);
   if (!makeRuntimeDirectory()) return false;
   // Nobody else writes it, and one that is cut short by our end names nothing that we have closed.
-  const tarnrun::Descriptor file(open(recordOf(ownProcess()).c_str(),
-                                      O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
-                                      kRecordMode));
+  const tarn::Descriptor file(open(recordOf(ownProcess()).c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+                                   kRecordMode));
   if (!file.valid() || fchmod(file.get(), kRecordMode) != 0) return false;
   const std::string text = compactJson(record);
   // A memory file system writes this little at once or not at all.

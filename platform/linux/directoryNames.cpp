@@ -20,7 +20,7 @@ struct CloseDirectory {
 }  // namespace
 
 bool readDirectoryNames(const char* path, std::vector<std::string>* names) {
-  tarnrun::Descriptor opened(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  tarn::Descriptor opened(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   const std::unique_ptr<DIR, CloseDirectory> directory(opened.valid() ? fdopendir(opened.get())
                                                                       : nullptr);
   if (!directory) {

@@ -30,8 +30,8 @@ constexpr const char* kEnvironmentUnderLock[] = {kFixedEnvironment[0], kFixedEnv
 
 // Takes the lock of all programs that change rules. Invalid when the file cannot be opened or the
 // lock is not had in time.
-Descriptor takeXtablesLock() noexcept {
-  Descriptor lock(
+tarn::Descriptor takeXtablesLock() noexcept {
+  tarn::Descriptor lock(
       open(kXtablesLock, O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
   if (!lock.valid()) {
     return lock;
@@ -39,7 +39,7 @@ Descriptor takeXtablesLock() noexcept {
   const int64_t deadline = monotonicNow() + kLockSeconds * kNanosecondsPerSecond;
   while (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
     if ((errno != EWOULDBLOCK && errno != EINTR) || monotonicNow() >= deadline) {
-      return Descriptor();
+      return tarn::Descriptor();
     }
     sleepBetweenAttempts();
   }
@@ -84,7 +84,7 @@ bool isPacketFilterTool(const char* path) noexcept {
 
 Outcome runPacketFilterTool(const Program& program) {
   const tarn::CancellationHold noCancellation;
-  const Descriptor lock = takeXtablesLock();
+  const tarn::Descriptor lock = takeXtablesLock();
   Program tool = program;
   tool.environment = lock.valid() ? kEnvironmentUnderLock : kFixedEnvironment;
   tool.ownGroup = true;  // a key pressed at the caller's terminal must not end it half way

@@ -13,13 +13,17 @@
 
 #include "descriptor.h"
 #include "fileSizeSignal.h"
+#include "squatter.h"
 #include "trustedPath.h"
 
 namespace tarnplatform {
 
 namespace {
 
-using tarnrun::Descriptor;
+using tarn::Descriptor;
+using tarn::isOwnFile;
+using tarn::openPlace;
+using tarn::Place;
 
 bool readAll(int fd, size_t limit, std::string* text) {
   char buffer[4096];
@@ -112,7 +116,7 @@ bool takePlace(const Place& place, const char* temporary) {
     if (renameat(directory, temporary, directory, place.name) == 0) {
       return true;
     }
-    if (errno != EISDIR || !place.shared || !clearName(directory, place.name, nullptr)) {
+    if (errno != EISDIR || !place.shared || !tarn::clearName(place, /*report=*/nullptr)) {
       return false;
     }
   }
@@ -140,7 +144,7 @@ bool readTextFile(const char* path, size_t limit, std::string* text) {
       openat(place.directory.get(), place.name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | follow));
   struct stat status = {};
   if (!file.valid()) {
-    errno = place.shared && isSquatted(errno) ? EPERM : errno;
+    errno = place.shared && tarn::isSquatted(errno) ? EPERM : errno;
     return false;
   }
   if (fstat(file.get(), &status) != 0) {
@@ -159,7 +163,7 @@ bool replaceTextFile(const char* path, const std::string& text, mode_t mode) {
   if (!openPlace(path, &place)) {
     return false;
   }
-  if (place.shared && !clearName(place.directory.get(), place.name, path)) {
+  if (place.shared && !tarn::clearName(place, saySquatter)) {
     return false;
   }
   Descriptor file = makeTemporary(place, mode, temporary);

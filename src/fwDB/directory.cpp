@@ -5,9 +5,11 @@
 //
 // Each look-up reads every *.json file anew. Profiles are few, and nothing has to be kept in step.
 
+#include <fcntl.h>
 #include <glob.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <ctime>
 
@@ -16,9 +18,11 @@
 
 #include "../cleanup.h"
 #include "../constants.h"
+#include "../documentLock.h"
 #include "../log.h"
 #include "../member.h"
-#include "../newDocument.h"
+#include "cancellation.h"
+#include "descriptor.h"
 #include "files.h"
 #include "tarnfirewall.h"
 
@@ -38,6 +42,26 @@ std::string pathOfStem(const std::string& stem) { return kProfileDirectory + ste
 std::string stemOf(const std::string& path) {
   const std::string base = path.substr(path.find_last_of('/') + 1);
   return base.substr(0, base.find_last_of('.'));
+}
+
+// Claims the file `path` for a new profile: another process may have drawn the same stem, as both
+// draw from the same clock and an unseeded rand(). The claim is the temporary file that the
+// document is written to, made under the document's lock, so that nobody is writing through it;
+// whoever makes it first and finds no document yet has the stem. False without a claim when the
+// stem is taken; true too when the temporary file cannot be made or the lock not be had at all,
+// which the dump reports.
+bool claim(const std::string& path) {
+  const tarn::CancellationHold noCancellation;
+  DocumentLock lock(getLockFile(path));
+  if (!lock.take()) return true;
+  if (access(path.c_str(), F_OK) == 0) return false;
+  const std::string temporary = path + ".tmp";
+  const tarn::Descriptor file(
+      open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!file.valid()) return errno != EEXIST;
+  if (access(path.c_str(), F_OK) != 0) return true;
+  (void)unlink(temporary.c_str());  // a thread of this process was faster; locks keep none out
+  return false;
 }
 
 // Gives every adapter with rules a policy, and "global" none: its rules apply on top of the
@@ -110,7 +134,7 @@ bool TARNFW_JSON_DB::profileDbDump(const std::string& name, const Json::Value& d
   std::string path;
   do {
     path = pathOfStem(profilePathNameGen(meta));
-  } while (!claimNewDocument(path));
+  } while (!claim(path));
   return jsonFileDump(doc, path);
 }
 

@@ -2,5 +2,5 @@
 # Do the sources that are shipped pass .clang-tidy? tidy.sh CLANG-TIDY SOURCE-DIRECTORY BUILD-DIRECTORY
 set -eu
 cd "$2"
-find src platform/linux ops tools -name '*.cpp' -print0 |
+find src common platform/linux ops tools -name '*.cpp' -print0 |
   xargs -0 -n 4 -P "$(nproc)" "$1" --quiet -p "$3" 2>/dev/null

@@ -3,12 +3,16 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <system_error>
 
 namespace fuzz {
 namespace {
 
 using FW::FWRULE;
 using Texts = std::vector<std::string>;
+
+const std::string kCountries = "/usr/share/xt_geoip/";
 
 std::string joined(const Texts& texts, const std::string& separator) {
   std::string text;
@@ -131,6 +135,19 @@ bool portFragments(const Machine& machine, const FWRULE& rule, Texts& fragments)
 
 // --- addresses ---
 
+// A code is part of a file name: "/US" names the file of "US" too.
+bool hasRanges(const Machine& machine, const std::string& code, bool ipv6) {
+  const std::string ending = ipv6 ? ".iv6" : ".iv4";
+  return std::any_of(machine.countries.begin(), machine.countries.end(), [&](const auto& country) {
+    const auto& [known, has] = country;
+    if (!(ipv6 ? has.second : has.first)) return false;
+    std::error_code absent;
+    return code == known || (code.find('/') != std::string::npos &&
+                             std::filesystem::equivalent(kCountries + code + ending,
+                                                         kCountries + known + ending, absent));
+  });
+}
+
 Texts addressFragments(const Machine& machine, const FWRULE& rule, bool ipv6) {
   const Texts& list = rule.ipList;
   const bool source = rule.ipDirect != 0;
@@ -145,9 +162,7 @@ Texts addressFragments(const Machine& machine, const FWRULE& rule, bool ipv6) {
   if (rule.ipGroup != 3) return {};
   Texts codes;
   for (const std::string& code : list) {
-    const auto known = machine.countries.find(code);
-    if (known == machine.countries.end()) continue;
-    if (ipv6 ? known->second.second : known->second.first) codes.push_back(code);
+    if (hasRanges(machine, code, ipv6)) codes.push_back(code);
   }
   if (codes.empty()) return {};
   return {(source ? "-m geoip --source-country " : "-m geoip --destination-country ") +

@@ -1,19 +1,20 @@
 // Names in directories where every local user may make files.
 
-#ifndef TARN_PLATFORM_LINUX_TRUSTEDPATH_H
-#define TARN_PLATFORM_LINUX_TRUSTEDPATH_H
+#ifndef TARN_COMMON_TRUSTEDPATH_H
+#define TARN_COMMON_TRUSTEDPATH_H
 
 #include <sys/stat.h>
 
 #include "descriptor.h"
 
-namespace tarnplatform {
+namespace tarn {
 
 // A path split into its directory, held open so that it cannot be exchanged between two steps, and
 // the name in it.
 struct Place {
-  tarnrun::Descriptor directory;
-  const char* name = "";  // points into the path
+  Descriptor directory;
+  const char* path = "";  // the caller's
+  const char* name = "";  // points into it
   bool shared = false;    // others may make files in the directory
 };
 
@@ -29,11 +30,15 @@ bool isOwnFile(const struct stat& status);
 // on an own file too, by a file server.
 bool isSquatted(int error);
 
-// Frees the name from what stands there and is not an own file: a directory that is not empty is
-// moved into a new one beside it, anything else is removed. Says so in the log under `path`, if it
-// is given. False with errno set when it cannot be freed.
-bool clearName(int directory, const char* name, const char* path);
+// Told about what stood at `path`: whose it was, and what became of it, "removed" or "renamed";
+// nullptr when it still stands there, with errno as the reason.
+using Report = void (*)(const char* path, uid_t owner, const char* became);
 
-}  // namespace tarnplatform
+// Frees the name from what stands there and is not an own file: a directory that is not empty is
+// moved into a new one beside it, anything else is removed. `report` may be null. False with errno
+// set when it cannot be freed.
+bool clearName(const Place& place, Report report);
+
+}  // namespace tarn
 
 #endif

@@ -11,9 +11,7 @@
 
 #include <utility>
 
-#include "log.h"
-
-namespace tarnplatform {
+namespace tarn {
 
 namespace {
 
@@ -71,12 +69,13 @@ bool openPlace(const char* path, Place* place) {
   }
   (void)snprintf(directory, sizeof directory, "%.*s%s", static_cast<int>(length), path,
                  slash == nullptr ? "." : (length == 0 ? "/" : ""));
-  tarnrun::Descriptor opened(open(directory, O_PATH | O_DIRECTORY | O_CLOEXEC));
+  Descriptor opened(open(directory, O_PATH | O_DIRECTORY | O_CLOEXEC));
   struct stat status = {};
   if (!opened.valid() || fstat(opened.get(), &status) != 0) {
     return false;
   }
   place->directory = std::move(opened);
+  place->path = path;
   place->name = name;
   place->shared = (status.st_mode & S_IWOTH) != 0;
   return true;
@@ -92,26 +91,25 @@ bool isSquatted(int error) {
          error == EWOULDBLOCK || error == ETXTBSY;
 }
 
-bool clearName(int directory, const char* name, const char* path) {
+bool clearName(const Place& place, Report report) {
+  const int directory = place.directory.get();
   struct stat status = {};
-  if (fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+  if (fstatat(directory, place.name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
     return errno == ENOENT;
   }
   if (isOwnFile(status)) {
     return true;  // somebody of ours was faster
   }
-  const char* const done = S_ISDIR(status.st_mode)             ? clearDirectory(directory, name)
-                           : unlinkat(directory, name, 0) == 0 ? "removed"
-                                                               : nullptr;
+  const char* const became = S_ISDIR(status.st_mode) ? clearDirectory(directory, place.name)
+                             : unlinkat(directory, place.name, 0) == 0 ? "removed"
+                                                                       : nullptr;
   const int error = errno;
-  // What its owner has taken away or exchanged meanwhile is looked at again by the caller.
-  const bool cleared = done != nullptr || error == ENOENT || error == EISDIR || error == ENOTDIR;
-  if (path != nullptr) {
-    here().error("%s: something of user %u stood in the way: %s", path, status.st_uid,
-                 done != nullptr ? done : errorText(error));
+  if (report != nullptr) {
+    report(place.path, status.st_uid, became);
   }
   errno = error;
-  return cleared;
+  // What its owner has taken away or exchanged meanwhile is looked at again by the caller.
+  return became != nullptr || error == ENOENT || error == EISDIR || error == ENOTDIR;
 }
 
-}  // namespace tarnplatform
+}  // namespace tarn

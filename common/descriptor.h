@@ -1,11 +1,11 @@
 // A file descriptor that is closed when its owner goes out of scope.
 
-#ifndef TARN_PLATFORM_LINUX_DESCRIPTOR_H
-#define TARN_PLATFORM_LINUX_DESCRIPTOR_H
+#ifndef TARN_COMMON_DESCRIPTOR_H
+#define TARN_COMMON_DESCRIPTOR_H
 
 #include <unistd.h>
 
-namespace tarnrun {
+namespace tarn {
 
 class Descriptor {
  public:
@@ -40,6 +40,6 @@ class Descriptor {
   int fd_;
 };
 
-}  // namespace tarnrun
+}  // namespace tarn
 
 #endif
