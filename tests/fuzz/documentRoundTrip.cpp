@@ -170,9 +170,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     fuzz::requireEqual(describe(read), describe(back), "a profile comes back as it was");
   }
-  // What could not be kept is lost once; from then on the document stays as it is.
-  fuzz::requireEqual(Json::StyledWriter().write(again),
-                     Json::StyledWriter().write(documentOf(back)),
+  // What could not be kept is lost once, and a chain name that was not UTF-8 may change its place
+  // among the others; from then on the document stays as it is.
+  Json::Value before = again;
+  Json::Value after = documentOf(back);
+  if (!isKept(read)) {
+    before = after;
+    after = documentOf(libraryReads(throughText(after)));
+  }
+  fuzz::requireEqual(Json::StyledWriter().write(before), Json::StyledWriter().write(after),
                      "a document that was written once stays the same");
   (void)trace::take();
   return 0;
