@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 top=$PWD
 if [ "$(id -u)" != 0 ]; then
   echo "demo.sh: needs root, for namespaces of its own" >&2
-  exit 77
+  exit 1
 fi
 . scripts/dependencies.sh
 install_packages build run

@@ -25,7 +25,7 @@ done
 [ ${#targets[@]} -gt 0 ] || targets=($known)
 if [ "$(id -u)" != 0 ]; then
   echo "fuzz.sh: needs root, for namespaces of its own" >&2
-  exit 77
+  exit 1
 fi
 . scripts/dependencies.sh
 install_packages build run test

@@ -38,7 +38,7 @@
 
 // clone() under its other name: sanitizers put their own function in place of the first, which
 // prepares their run time for a copy of the memory.
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): glibc's name
+// NOLINTNEXTLINE(bugprone-reserved-identifier): glibc's name
 extern "C" int __clone(int (*body)(void*), void* stack, int flags, void* argument, ...);
 
 namespace tarnrun {

@@ -250,7 +250,7 @@ void judge(const std::string& point, const Claim& claim) {
 
 bool traces() {
   if (whyNoTrace().empty()) return true;
-  ++Tally::of().skipped;
+  ++Tally::of().untraced;
   return false;
 }
 

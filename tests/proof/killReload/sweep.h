@@ -57,7 +57,8 @@ struct Claim {
 };
 void judge(const std::string& point, const Claim& claim);
 
-// Can system calls be traced here? When not, the sweep that asks is counted as skipped.
+// Can system calls be traced here? When not, the sweep that asks takes as many moments instead, and
+// is counted.
 bool traces();
 
 // This program's share of the points of a sweep: TARN_PART=1/3 is the second third.

@@ -21,7 +21,7 @@ struct Tally {
   std::uint64_t terminate = 0;
   std::uint64_t pipe = 0;
   std::uint64_t late = 0;          // all was over before the signal came; not a point
-  std::uint64_t skipped = 0;       // parts of sweeps for which strace is needed
+  std::uint64_t untraced = 0;      // parts of sweeps at moments where strace does not trace
   std::uint64_t closedBefore = 0;  // points that left DROP policies for recovery to open
   std::uint64_t closed = 0;        // DROP policies when they must be open
   std::uint64_t stale = 0;         // FIREWALL_RELOADING still accepts open connections
@@ -37,7 +37,7 @@ struct Tally {
 
   std::array<std::uint64_t*, 15> members() {
     return {&points, &kill,        &interrupt, &hangUp,       &terminate,
-            &pipe,   &late,        &skipped,   &closedBefore, &closed,
+            &pipe,   &late,        &untraced,  &closedBefore, &closed,
             &stale,  &wrongStatus, &locked,    &damaged,      &failedReloads};
   }
 
