@@ -73,13 +73,14 @@ std::vector<Record> readRecords() {
   std::vector<Record> records;
   const ProcessId own = ownProcess();
   std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(kRuntimeDirectory, error)) {
-    const std::optional<ProcessId> worker = workerOf(entry.path());
+  std::filesystem::directory_iterator entry(kRuntimeDirectory, error);
+  for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+    const std::optional<ProcessId> worker = workerOf(entry->path());
     if (!worker) continue;
     const bool ours = worker->number == own.number && worker->start == own.start;
     if (!ours && lives(*worker)) continue;
     const bool done = ours || !anyoneIn(worker->number);
-    records.push_back({entry.path(), policiesIn(entry.path()), done});
+    records.push_back({entry->path(), policiesIn(entry->path()), done});
   }
   return records;
 }

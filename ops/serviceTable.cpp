@@ -98,4 +98,10 @@ bool listServices(std::vector<Service>& services, std::string& reason) {
   return read;
 }
 
+bool offers(const std::vector<Service>& services, const std::string& name) {
+  return std::any_of(services.begin(), services.end(), [&name](const Service& service) {
+    return service.name == name && service.available;
+  });
+}
+
 }  // namespace ops

@@ -27,6 +27,9 @@ struct Service {
 // Fills `services` in name order. False with the reason when the database cannot be read.
 bool listServices(std::vector<Service>& services, std::string& reason);
 
+// Is there a service `name` that can be used?
+bool offers(const std::vector<Service>& services, const std::string& name);
+
 }  // namespace ops
 
 #endif

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <exception>
 #include <functional>
 
@@ -38,7 +39,8 @@ const char* settingsFile() { return FW::kSettingsFile; }
 
 bool readSettings(Settings& settings, std::string& reason) {
   settings = {};
-  if (access(FW::kSettingsFile, F_OK) != 0) {
+  // Only what is known to be absent: settings that cannot be looked up are not the defaults.
+  if (access(FW::kSettingsFile, F_OK) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
     settings = defaultSettings();
     return true;
   }

@@ -19,8 +19,8 @@ namespace {
 
 constexpr char kXtablesLock[] = "/run/xtables.lock";
 constexpr int kLockSeconds = 30;
-constexpr int kResourceProblem =
-    4;  // the tools' exit status for lack of memory, rights or the lock
+// The tools' exit status for lack of memory, rights or the lock.
+constexpr int kResourceProblem = 4;
 constexpr int kAttempts = 20;
 constexpr int64_t kFirstPause = 10 * kNanosecondsPerMillisecond;
 constexpr int64_t kLongestPause = 320 * kNanosecondsPerMillisecond;

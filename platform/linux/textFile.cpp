@@ -123,12 +123,12 @@ bool takePlace(const Place& place, const char* temporary) {
   return false;
 }
 
+// The file is in place; only its survival of a power cut depends on this.
 void flushDirectory(const Place& place) {
   const Descriptor directory(
       openat(place.directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (directory.valid()) {
-    (void)fsync(
-        directory.get());  // the file is in place, only its survival of a power cut depends on it
+    (void)fsync(directory.get());
   }
 }
 

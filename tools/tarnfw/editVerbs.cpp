@@ -1,7 +1,6 @@
 // Verbs that change every stored profile at once: services are reserved or go, adapters get new
 // names.
 
-#include <algorithm>
 #include <functional>
 #include <map>
 #include <string>
@@ -69,10 +68,7 @@ void warnOfUnknownService(const std::string& name, Answer& answer) {
   std::vector<ops::Service> services;
   std::string reason;
   if (!ops::listServices(services, reason)) return;  // the rule waits for a table that can be read
-  const bool known = std::any_of(services.begin(), services.end(), [&name](const auto& service) {
-    return service.name == name && service.available;
-  });
-  if (!known) answer.remark("warning: there is no service " + quoted(name));
+  if (!ops::offers(services, name)) answer.remark("warning: there is no service " + quoted(name));
 }
 
 // Rules that the new name has are lost.

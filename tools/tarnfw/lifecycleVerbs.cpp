@@ -2,6 +2,7 @@
 
 #include "lifecycleVerbs.h"
 
+#include "documentChanges.h"
 #include "logCapture.h"
 #include "ops/baseChains.h"
 #include "ops/executionLock.h"
@@ -72,7 +73,7 @@ bool compileProfile(const std::string& name, Json::Value& commands, Answer& answ
     return FW::TARNFW().fwIptablesRulesEnum(name, commands, /*withState=*/true);
   };
   if (succeeds(compile, why)) return true;
-  answer = failed("profile '" + name + "' does not compile" + why);
+  answer = failed("profile " + quoted(name) + " does not compile" + why);
   return false;
 }
 
@@ -216,7 +217,8 @@ Answer profileUse(const Request& request) {
   ops::Settings settings;
   Answer answer;
   if (!settingsFor(settings, answer)) return answer;
-  if (!FW::TARNFW_PROFILE().profileExist(name)) return failed("there is no profile '" + name + "'");
+  if (!FW::TARNFW_PROFILE().profileExist(name))
+    return failed("there is no profile " + quoted(name));
   const bool loads = settings.enabled && !request.has("--no-reload");
   if (request.dryRun) {
     Json::Value commands;
@@ -228,7 +230,7 @@ Answer profileUse(const Request& request) {
   }
   if (loads) return supervisedAnswer(ops::useProfile(name));
   if (!FW::TARNFW().fwProfileConfigSet(name, /*reload=*/false)) {
-    return failed("could not make '" + name + "' the active profile");
+    return failed("could not make " + quoted(name) + " the active profile");
   }
   return answer;
 }

@@ -1,6 +1,5 @@
 // Verbs that ask whether a port or a service is blocked under the active profile.
 
-#include <algorithm>
 #include <functional>
 #include <regex>
 #include <string>
@@ -116,11 +115,8 @@ Answer queryService(const Request& request) {
   std::vector<ops::Service> services;
   std::string reason;
   if (!ops::listServices(services, reason)) return failed(reason, kUnknown);
-  // The library has no verdict for it, and that would read as allowed.
-  const bool known = std::any_of(services.begin(), services.end(), [&name](const auto& service) {
-    return service.name == name && service.available;
-  });
-  if (!known) return failed("there is no service " + quoted(name), kUnknown);
+  // The library has no verdict for others, and that would read as allowed.
+  if (!ops::offers(services, name)) return failed("there is no service " + quoted(name), kUnknown);
   return ask([&](FW::AdapterPolicyMap& verdicts) {
     return FW::TARNFW().fwServIsBlocked(name, adapterOf(request), verdicts);
   });

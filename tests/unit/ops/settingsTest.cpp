@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -75,6 +76,13 @@ TEST(Settings, PartsThatAreKnown) {
     known += settings.knowsProfile ? " " + settings.profile : " ?";
     EXPECT_EQ(known, row.known) << row.name;
   }
+}
+
+TEST(Settings, WhatCannotBeLookedUpIsNotAbsent) {
+  machine::reset();
+  std::filesystem::create_directories(std::filesystem::path(kFile).parent_path());
+  ASSERT_EQ(0, symlink(kFile, kFile));  // leads to itself
+  EXPECT_EQ(described(), std::string(kFile) + " cannot be read");
 }
 
 TEST(Settings, DefaultsAreNotWritten) {
