@@ -28,8 +28,8 @@ Json::Value loadInScratchNamespace(const Json::Value& commands) {
   if (unshare(CLONE_NEWNET) != 0) {
     return failure(std::string("no network namespace to compare in: ") + std::strerror(errno));
   }
-  (void)setlogmask(
-      LOG_UPTO(LOG_CRIT));  // what is refused here was refused, and logged, when it counted
+  // What is refused here was refused, and logged, when it counted.
+  (void)setlogmask(LOG_UPTO(LOG_CRIT));
   const BaseChains chains = planBaseChains();
   if (!chains.errors.empty()) return failure(chains.errors.front());
   for (const Command& command : chains.commands) {

@@ -255,9 +255,9 @@ int TARNFSMkdirP(const char* path, int /*reserved1*/, int createParents, int /*r
     return -1;
   }
   memcpy(directory, path, length + 1);
+  // With a slash behind it a link would pass for the directory it leads to.
   for (size_t last = length - 1; last > 0 && directory[last] == '/'; --last) {
-    directory[last] =
-        '\0';  // with a slash behind it a link would pass for the directory it leads to
+    directory[last] = '\0';
   }
   if (createParents != 0 && !makeParents(directory)) {
     return -1;

@@ -168,8 +168,8 @@ Context openModules() {
   Context context(kmod_new(nullptr, nullptr));
   if (context) {
     kmod_set_log_fn(context.get(), ignoreMessage, nullptr);
-    (void)kmod_load_resources(
-        context.get());  // without an index look-ups read the files themselves
+    // Without an index look-ups read the files themselves.
+    (void)kmod_load_resources(context.get());
   }
   return context;
 }
