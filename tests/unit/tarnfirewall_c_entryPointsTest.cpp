@@ -15,11 +15,19 @@
 #include "failingScans.h"
 #include "fakePlatform.h"
 #include "jsonText.h"
+#include "reloadSequence.h"
 #include "tarnfirewall_c.h"
 #include "testFiles.h"
 #include "trace.h"
 
 namespace {
+
+using sequence::kAcceptSet;
+using sequence::kDropSet;
+using sequence::kFlush;
+using sequence::kLocked;
+using sequence::kModulesAsked;
+using sequence::lines;
 
 constexpr char kOn[] = R"({"profile": "office", "status": true})";
 constexpr char kOff[] = R"({"profile": "office", "status": false})";
@@ -27,53 +35,12 @@ constexpr char kModuleUsers[] = "/tmp/iptables_serv_mod_list";
 constexpr char kProfileFile[] = "/usr/tarn/etc/firewall.d/1.json";
 
 // clang-format off
-constexpr char kReloadedWhileOff[] =
-  "lock /tmp/firewall_iptables_exec.lock 1 30\n"
-  "unlock 100";
-constexpr char kReloadTimedOut[] =
-  "lock /tmp/firewall_iptables_exec.lock 1 30\n"
-  "err tarnFW TIMEOUT: getting lock";
+const std::string kReloadedWhileOff = lines({kLocked, "unlock 100"});
+const std::string kReloadTimedOut = lines({kLocked, "err tarnFW TIMEOUT: getting lock"});
 
 // A reload of a profile without adapters on a firewall that is on: what comes before compiling it, and what after.
-constexpr char kDropPeriodBegun[] =
-  "lock /tmp/firewall_iptables_exec.lock 1 30\n"
-  "get /tmp/iptables_serv_mod_list firewall\n"
-  "exec /sbin/iptables --policy INPUT DROP\n"
-  "exec /sbin/iptables --policy FORWARD DROP\n"
-  "exec /sbin/iptables -A FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/ip6tables --policy INPUT DROP\n"
-  "exec /sbin/ip6tables --policy FORWARD DROP\n"
-  "exec /sbin/ip6tables -A FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/iptables -F INPUT_FIREWALL\n"
-  "exec /sbin/ip6tables -F INPUT_FIREWALL\n"
-  "exec /sbin/iptables -F FORWARD_FIREWALL\n"
-  "exec /sbin/ip6tables -F FORWARD_FIREWALL";
-constexpr char kLoadedAndOpened[] =
-  "exec /sbin/iptables -A INPUT_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/iptables -A INPUT_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/iptables -A FORWARD_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/iptables -A FORWARD_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -p icmpv6 --icmpv6-type neighbour-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -p icmpv6 --icmpv6-type neighbour-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type 137 -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -p icmpv6 --icmpv6-type neighbour-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -p icmpv6 --icmpv6-type neighbour-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type 137 -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/iptables --policy INPUT ACCEPT\n"
-  "exec /sbin/iptables --policy FORWARD ACCEPT\n"
-  "exec /sbin/iptables -D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/ip6tables --policy INPUT ACCEPT\n"
-  "exec /sbin/ip6tables --policy FORWARD ACCEPT\n"
-  "exec /sbin/ip6tables -D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "unlock 100";
+const std::string kDropPeriodBegun = lines({kLocked, kModulesAsked, kDropSet, kFlush});
+const std::string kLoadedAndOpened = lines({sequence::profile("", ""), kAcceptSet, "unlock 100"});
 
 // Switching off a firewall whose kernel modules are not loaded.
 constexpr char kSwitchedOff[] =
@@ -94,12 +61,6 @@ constexpr char kNothingToScan[] =
   "err fwDB Fail to read file from /usr/tarn/etc/firewall.d/\n"
   "err fwDB Failed to create meta json from /usr/tarn/etc/firewall.d/";
 // clang-format on
-
-std::string lines(const std::vector<std::string>& pieces) {
-  std::string text;
-  for (const std::string& piece : pieces) text += (text.empty() ? "" : "\n") + piece;
-  return text;
-}
 
 // The services that each rule of the document names, with its policy: "global[0:ssh,http 1:dns]
 // eth0[]".

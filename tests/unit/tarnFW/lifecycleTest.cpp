@@ -4,17 +4,28 @@
 #include <cerrno>
 #include <filesystem>
 #include <ostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "fakePlatform.h"
 #include "jsonText.h"
+#include "reloadSequence.h"
 #include "tarnFW/module.h"
 #include "tarnfirewall.h"
 #include "testFiles.h"
 #include "trace.h"
 
 namespace {
+
+using sequence::kAcceptSet;
+using sequence::kCoreSetRead;
+using sequence::kDropSet;
+using sequence::kFlush;
+using sequence::kInterfacesRead;
+using sequence::kLocked;
+using sequence::kModulesAsked;
+using sequence::lines;
 
 // clang-format off
 
@@ -45,60 +56,6 @@ constexpr char kDefaultsOn[] =
   "}\n";
 
 // --- pieces of sequences ---
-
-const std::string kLocked = "lock /tmp/firewall_iptables_exec.lock 1 30";
-const std::string kModulesAsked = "get /tmp/iptables_serv_mod_list firewall";
-
-const std::string kDropSet =
-  "exec /sbin/iptables --policy INPUT DROP\n"
-  "exec /sbin/iptables --policy FORWARD DROP\n"
-  "exec /sbin/iptables -A FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/ip6tables --policy INPUT DROP\n"
-  "exec /sbin/ip6tables --policy FORWARD DROP\n"
-  "exec /sbin/ip6tables -A FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT";
-
-const std::string kFlush =
-  "exec /sbin/iptables -F INPUT_FIREWALL\n"
-  "exec /sbin/ip6tables -F INPUT_FIREWALL\n"
-  "exec /sbin/iptables -F FORWARD_FIREWALL\n"
-  "exec /sbin/ip6tables -F FORWARD_FIREWALL";
-
-const std::string kInterfacesRead =
-  "interfaces 32 8\n"
-  "support support_wireless";
-
-// What the profile "office" compiles to.
-const std::vector<std::string> kOfficeLines = {
-  "/sbin/iptables -A INPUT_FIREWALL -i lo -j ACCEPT",
-  "/sbin/iptables -A INPUT_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT",
-  "/sbin/iptables -A FORWARD_FIREWALL -i lo -j ACCEPT",
-  "/sbin/iptables -A FORWARD_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT",
-  "/sbin/iptables -t filter -A FORWARD_FIREWALL -i eth0 -j DROP",
-  "/sbin/iptables -t filter -A INPUT_FIREWALL -i eth0 -j DROP",
-  "/sbin/ip6tables -A INPUT_FIREWALL -i lo -j ACCEPT",
-  "/sbin/ip6tables -A INPUT_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-solicitation -j ACCEPT",
-  "/sbin/ip6tables -A INPUT_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-advertisement -j ACCEPT",
-  "/sbin/ip6tables -A INPUT_FIREWALL -p icmpv6 --icmpv6-type neighbour-solicitation -j ACCEPT",
-  "/sbin/ip6tables -A INPUT_FIREWALL -p icmpv6 --icmpv6-type neighbour-advertisement -j ACCEPT",
-  "/sbin/ip6tables -A INPUT_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type 137 -j ACCEPT",
-  "/sbin/ip6tables -A INPUT_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT",
-  "/sbin/ip6tables -A FORWARD_FIREWALL -i lo -j ACCEPT",
-  "/sbin/ip6tables -A FORWARD_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-solicitation -j ACCEPT",
-  "/sbin/ip6tables -A FORWARD_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-advertisement -j ACCEPT",
-  "/sbin/ip6tables -A FORWARD_FIREWALL -p icmpv6 --icmpv6-type neighbour-solicitation -j ACCEPT",
-  "/sbin/ip6tables -A FORWARD_FIREWALL -p icmpv6 --icmpv6-type neighbour-advertisement -j ACCEPT",
-  "/sbin/ip6tables -A FORWARD_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type 137 -j ACCEPT",
-  "/sbin/ip6tables -A FORWARD_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT",
-  "/sbin/ip6tables -t filter -A FORWARD_FIREWALL -i eth0 -j DROP",
-  "/sbin/ip6tables -t filter -A INPUT_FIREWALL -i eth0 -j DROP"};
-
-const std::string kAcceptSet =
-  "exec /sbin/iptables --policy INPUT ACCEPT\n"
-  "exec /sbin/iptables --policy FORWARD ACCEPT\n"
-  "exec /sbin/iptables -D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/ip6tables --policy INPUT ACCEPT\n"
-  "exec /sbin/ip6tables --policy FORWARD ACCEPT\n"
-  "exec /sbin/ip6tables -D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT";
 
 const std::string kPreEnable =
   "plugin init net net/firewall_enable\n"
@@ -131,11 +88,6 @@ const std::string kPostDisableFailed =
   "plugin action 5\n"
   "plugin exit";
 
-const std::string kCoreSetRead =
-  "get /usr/tarn/etc.defaults/iptables_modules_list KERNEL_MODULES_CORE\n"
-  "get /usr/tarn/etc.defaults/iptables_modules_list KERNEL_MODULES_COMMON\n"
-  "get /usr/tarn/etc.defaults/iptables_modules_list IPV6_MODULES";
-
 // Recording the modules' user under the number that its lock gets.
 std::string recorded(const std::string& state, int lock) {
   return
@@ -167,11 +119,16 @@ std::string coreUnloaded(int lock) {
 }
 // clang-format on
 
-std::string lines(const std::vector<std::string>& pieces) {
-  std::string text;
-  for (const std::string& piece : pieces) text += (text.empty() ? "" : "\n") + piece;
-  return text;
+// What the profile "office" compiles to, without "exec ".
+std::vector<std::string> officeCommands() {
+  std::vector<std::string> commands;
+  std::istringstream text(sequence::profile("", "", "eth0"));
+  for (std::string line; std::getline(text, line);) {
+    commands.push_back(line.substr(line.find(' ') + 1));
+  }
+  return commands;
 }
+const std::vector<std::string> kOfficeLines = officeCommands();
 
 // The first `count` lines of the compiled profile, as they are run.
 std::string officeLines(std::size_t count = kOfficeLines.size()) {
@@ -813,25 +770,7 @@ INSTANTIATE_TEST_SUITE_P(Table, ProfileChoice, testing::Values(
   rowName);
 
 // The profile "home" has no rules and names no adapter: its preamble is all that is run.
-const std::string kHomeLines =
-  "exec /sbin/iptables -A INPUT_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/iptables -A INPUT_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/iptables -A FORWARD_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/iptables -A FORWARD_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -p icmpv6 --icmpv6-type neighbour-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -p icmpv6 --icmpv6-type neighbour-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type 137 -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -p icmpv6 --icmpv6-type neighbour-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -p icmpv6 --icmpv6-type neighbour-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type 137 -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT";
+const std::string kHomeLines = sequence::profile("", "");
 
 INSTANTIATE_TEST_SUITE_P(Table, ProfileChoiceWithReload, testing::Values(
   Row{"Done", nothing,

@@ -12,6 +12,7 @@
 
 #include "fakePlatform.h"
 #include "jsonText.h"
+#include "reloadSequence.h"
 #include "tarnfirewall.h"
 #include "testFiles.h"
 #include "trace.h"
@@ -23,6 +24,13 @@ using FW::FW_POLICY_ALLOW;
 using FW::FW_POLICY_DENY;
 using FW::FW_POLICY_NONE;
 using FW::TARNFW_PROFILE;
+using sequence::kAcceptSet;
+using sequence::kDropSet;
+using sequence::kFlush;
+using sequence::kInterfacesRead;
+using sequence::kLocked;
+using sequence::kModulesAsked;
+using sequence::lines;
 
 // --- documents in the short form of this test ---
 
@@ -113,12 +121,6 @@ void makeReadOnly(const std::string& file) {
   std::filesystem::create_directory(files::kProfileDirectory + file + ".tmp");
 }
 
-std::string lines(const std::vector<std::string>& pieces) {
-  std::string text;
-  for (const std::string& piece : pieces) text += (text.empty() ? "" : "\n") + piece;
-  return text;
-}
-
 constexpr char kReloadedWhileOff[] = "lock /tmp/firewall_iptables_exec.lock 1 30\nunlock 100";
 
 // clang-format off
@@ -133,50 +135,8 @@ std::string notWritten(const std::string& file) {
 }
 
 // A reload of a profile without adapters on a firewall that is on: with connection-state lines.
-constexpr char kReloadedWhileOn[] =
-  "lock /tmp/firewall_iptables_exec.lock 1 30\n"
-  "get /tmp/iptables_serv_mod_list firewall\n"
-  "exec /sbin/iptables --policy INPUT DROP\n"
-  "exec /sbin/iptables --policy FORWARD DROP\n"
-  "exec /sbin/iptables -A FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/ip6tables --policy INPUT DROP\n"
-  "exec /sbin/ip6tables --policy FORWARD DROP\n"
-  "exec /sbin/ip6tables -A FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/iptables -F INPUT_FIREWALL\n"
-  "exec /sbin/ip6tables -F INPUT_FIREWALL\n"
-  "exec /sbin/iptables -F FORWARD_FIREWALL\n"
-  "exec /sbin/ip6tables -F FORWARD_FIREWALL\n"
-  "interfaces 32 8\n"
-  "support support_wireless\n"
-  "exec /sbin/iptables -A INPUT_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/iptables -A INPUT_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/iptables -A FORWARD_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/iptables -A FORWARD_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/iptables -t filter -A FORWARD_FIREWALL -i eth1 -j DROP\n"
-  "exec /sbin/iptables -t filter -A INPUT_FIREWALL -i eth1 -j DROP\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -p icmpv6 --icmpv6-type neighbour-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -p icmpv6 --icmpv6-type neighbour-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type 137 -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -p icmpv6 --icmpv6-type neighbour-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -p icmpv6 --icmpv6-type neighbour-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type 137 -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/ip6tables -t filter -A FORWARD_FIREWALL -i eth1 -j DROP\n"
-  "exec /sbin/ip6tables -t filter -A INPUT_FIREWALL -i eth1 -j DROP\n"
-  "exec /sbin/iptables --policy INPUT ACCEPT\n"
-  "exec /sbin/iptables --policy FORWARD ACCEPT\n"
-  "exec /sbin/iptables -D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/ip6tables --policy INPUT ACCEPT\n"
-  "exec /sbin/ip6tables --policy FORWARD ACCEPT\n"
-  "exec /sbin/ip6tables -D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "unlock 100";
+const std::string kReloadedWhileOn = lines({kLocked, kModulesAsked, kDropSet, kFlush, kInterfacesRead,
+  sequence::profile("", "", "eth1"), kAcceptSet, "unlock 100"});
 // clang-format on
 
 // Switches the firewall on with its kernel modules loaded and eth1 there.

@@ -12,11 +12,20 @@
 
 #include "fakePlatform.h"
 #include "jsonText.h"
+#include "reloadSequence.h"
 #include "tarnfirewall.h"
 #include "testFiles.h"
 #include "trace.h"
 
 namespace {
+
+using sequence::kAcceptSet;
+using sequence::kCoreSetRead;
+using sequence::kDropSet;
+using sequence::kFlush;
+using sequence::kInterfacesRead;
+using sequence::kModulesAsked;
+using sequence::lines;
 
 // clang-format off
 
@@ -31,90 +40,11 @@ constexpr char kSwitchedOff[] = R"({"profile":"office","status":false})";
 
 // --- pieces of the sequence ---
 
-const std::string kModulesAsked = "get /tmp/iptables_serv_mod_list firewall";
+// The test profile without an address: no line asks for the state of a connection. With one there are such lines in
+// both families, with the address in its own.
+const std::string kStateless = sequence::profile(std::nullopt, std::nullopt, "eth0");
+std::string withState(const std::string& v4, const std::string& v6) { return sequence::profile(v4, v6, "eth0"); }
 
-const std::string kDropSet =
-  "exec /sbin/iptables --policy INPUT DROP\n"
-  "exec /sbin/iptables --policy FORWARD DROP\n"
-  "exec /sbin/iptables -A FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/ip6tables --policy INPUT DROP\n"
-  "exec /sbin/ip6tables --policy FORWARD DROP\n"
-  "exec /sbin/ip6tables -A FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT";
-
-const std::string kFlush =
-  "exec /sbin/iptables -F INPUT_FIREWALL\n"
-  "exec /sbin/ip6tables -F INPUT_FIREWALL\n"
-  "exec /sbin/iptables -F FORWARD_FIREWALL\n"
-  "exec /sbin/ip6tables -F FORWARD_FIREWALL";
-
-const std::string kInterfacesRead =
-  "interfaces 32 8\n"
-  "support support_wireless";
-
-const std::string kAcceptSet =
-  "exec /sbin/iptables --policy INPUT ACCEPT\n"
-  "exec /sbin/iptables --policy FORWARD ACCEPT\n"
-  "exec /sbin/iptables -D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/ip6tables --policy INPUT ACCEPT\n"
-  "exec /sbin/ip6tables --policy FORWARD ACCEPT\n"
-  "exec /sbin/ip6tables -D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT";
-
-// The test profile without an address: no line asks for the state of a connection.
-const std::string kV4Lines =
-  "exec /sbin/iptables -A INPUT_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/iptables -A FORWARD_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/iptables -t filter -A FORWARD_FIREWALL -i eth0 -j DROP\n"
-  "exec /sbin/iptables -t filter -A INPUT_FIREWALL -i eth0 -j DROP";
-const std::string kV6Lines =
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -p icmpv6 --icmpv6-type neighbour-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -p icmpv6 --icmpv6-type neighbour-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type 137 -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -p icmpv6 --icmpv6-type neighbour-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -p icmpv6 --icmpv6-type neighbour-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type 137 -j ACCEPT\n"
-  "exec /sbin/ip6tables -t filter -A FORWARD_FIREWALL -i eth0 -j DROP\n"
-  "exec /sbin/ip6tables -t filter -A INPUT_FIREWALL -i eth0 -j DROP";
-
-// With an address there are state lines in both families; `source` is " ! -s ADDRESS" in the family of the address.
-std::string v4LinesWithState(const std::string& source) {
-  return
-  "exec /sbin/iptables -A INPUT_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/iptables -A INPUT_FIREWALL" + source + " -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/iptables -A FORWARD_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/iptables -A FORWARD_FIREWALL" + source + " -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/iptables -t filter -A FORWARD_FIREWALL -i eth0 -j DROP\n"
-  "exec /sbin/iptables -t filter -A INPUT_FIREWALL -i eth0 -j DROP";
-}
-std::string v6LinesWithState(const std::string& source) {
-  return
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -p icmpv6 --icmpv6-type neighbour-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -p icmpv6 --icmpv6-type neighbour-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type 137 -j ACCEPT\n"
-  "exec /sbin/ip6tables -A INPUT_FIREWALL" + source + " -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -i lo -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type router-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -p icmpv6 --icmpv6-type neighbour-solicitation -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -p icmpv6 --icmpv6-type neighbour-advertisement -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL -s fe80::/10 -p icmpv6 --icmpv6-type 137 -j ACCEPT\n"
-  "exec /sbin/ip6tables -A FORWARD_FIREWALL" + source + " -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/ip6tables -t filter -A FORWARD_FIREWALL -i eth0 -j DROP\n"
-  "exec /sbin/ip6tables -t filter -A INPUT_FIREWALL -i eth0 -j DROP";
-}
-
-const std::string kCoreSetRead =
-  "get /usr/tarn/etc.defaults/iptables_modules_list KERNEL_MODULES_CORE\n"
-  "get /usr/tarn/etc.defaults/iptables_modules_list KERNEL_MODULES_COMMON\n"
-  "get /usr/tarn/etc.defaults/iptables_modules_list IPV6_MODULES";
 const std::string kModulesLoaded =
   kCoreSetRead + "\n"
   "list alloc 1024\n"
@@ -162,12 +92,6 @@ const std::string kNotSwitchedOffHook =
   "plugin action 5\n"
   "plugin exit";
 // clang-format on
-
-std::string lines(const std::vector<std::string>& pieces) {
-  std::string text;
-  for (const std::string& piece : pieces) text += (text.empty() ? "" : "\n") + piece;
-  return text;
-}
 
 const std::string kDisabled = lines({kSwitchingOff, kSwitchedOffHook});
 
@@ -244,29 +168,29 @@ void makeSettingsReadOnly() {
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(Through, Trial, testing::Values(
   Row{"EmptyAddressGivesNoStateLines", nothing, "",
-    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, kV4Lines, kV6Lines, kAcceptSet}), true, kSwitchedOn},
+    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, kStateless, kAcceptSet}), true, kSwitchedOn},
   Row{"WithoutAnAddressNoStateLines", nothing, std::nullopt,
-    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, kV4Lines, kV6Lines, kAcceptSet}), true, kSwitchedOn},
+    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, kStateless, kAcceptSet}), true, kSwitchedOn},
   Row{"IPv4AddressIsLeftOutOfTheIPv4State", nothing, "10.77.0.2",
-    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, v4LinesWithState(" ! -s 10.77.0.2"), v6LinesWithState(""), kAcceptSet}), true, kSwitchedOn},
+    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, withState(" ! -s 10.77.0.2", ""), kAcceptSet}), true, kSwitchedOn},
   Row{"IPv6AddressIsLeftOutOfTheIPv6State", nothing, "fd77::2",
-    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, v4LinesWithState(""), v6LinesWithState(" ! -s fd77::2"), kAcceptSet}), true, kSwitchedOn},
+    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, withState("", " ! -s fd77::2"), kAcceptSet}), true, kSwitchedOn},
   Row{"LoopbackAddress", nothing, "127.0.0.1",
-    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, v4LinesWithState(" ! -s 127.0.0.1"), v6LinesWithState(""), kAcceptSet}), true, kSwitchedOn},
+    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, withState(" ! -s 127.0.0.1", ""), kAcceptSet}), true, kSwitchedOn},
   Row{"SwitchedOffIsLoadedAllTheSame", [] { files::writeSettings(std::string(kSwitchedOff) + "\n"); }, "",
-    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, kV4Lines, kV6Lines, kAcceptSet}), true, kSwitchedOff},
+    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, kStateless, kAcceptSet}), true, kSwitchedOff},
   Row{"SettingsAreNotReadNorMade", [] { std::filesystem::remove(files::kSettingsFile); }, "10.77.0.2",
-    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, v4LinesWithState(" ! -s 10.77.0.2"), v6LinesWithState(""), kAcceptSet}), true, "(absent)"},
+    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, withState(" ! -s 10.77.0.2", ""), kAcceptSet}), true, "(absent)"},
   Row{"BrokenSettingsDoNotMatter", [] { files::writeSettings("{\"status\": tru"); }, "",
     lines({kModulesAsked, kDropSet, kFlush, "err utils Failed to parse Json value of /usr/tarn/etc/firewall.d/firewall_settings.json", "err fwDB Failed to load json from /usr/tarn/etc/firewall.d/firewall_settings.json",
       "err utils Failed to parse Json value of /usr/tarn/etc/firewall.d/firewall_settings.json", "err fwDB Failed to load json from /usr/tarn/etc/firewall.d/firewall_settings.json",
-      kInterfacesRead, kV4Lines, kV6Lines, kAcceptSet}), true, "{\"status\": tru"},
+      kInterfacesRead, kStateless, kAcceptSet}), true, "{\"status\": tru"},
   Row{"TheExecutionLockIsNotAsked", [] { fake::machine().answers = {{"lock /tmp/firewall_iptables_exec.lock 1 30", 0}}; }, "",
-    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, kV4Lines, kV6Lines, kAcceptSet}), true, kSwitchedOn},
+    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, kStateless, kAcceptSet}), true, kSwitchedOn},
   Row{"ModulesAreLoadedFirst", [] { fake::machine().files[kModuleUsers].clear(); }, "",
-    lines({kModulesAsked, kModulesLoaded, kDropSet, kFlush, kInterfacesRead, kV4Lines, kV6Lines, kAcceptSet}), true, kSwitchedOn},
+    lines({kModulesAsked, kModulesLoaded, kDropSet, kFlush, kInterfacesRead, kStateless, kAcceptSet}), true, kSwitchedOn},
   Row{"RefusedLinesCountAsRun", [] { fake::machine().exec = [](const std::string&) { return 2; }; }, "",
-    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, kV4Lines, kV6Lines, kAcceptSet}), true, kSwitchedOn}),
+    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, kStateless, kAcceptSet}), true, kSwitchedOn}),
   rowName);
 
 INSTANTIATE_TEST_SUITE_P(BeforeTheDropPeriod, Trial, testing::Values(
@@ -397,7 +321,7 @@ INSTANTIATE_TEST_SUITE_P(Running, Trial, testing::Values(
       "exec /sbin/iptables -A INPUT_FIREWALL -i lo -j ACCEPT", notRun("/sbin/iptables", "-A INPUT_FIREWALL -i lo -j ACCEPT"),
       kDisabled, "err tarnFW Failed to fwExec() so disable firewall", kAcceptSet}), false, kSwitchedOff},
   Row{"LastLine", [] { breakCommand("/sbin/ip6tables -t filter -A INPUT_FIREWALL -i eth0 -j DROP"); }, "",
-    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, kV4Lines, kV6Lines,
+    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, kStateless,
       notRun("/sbin/ip6tables", "-t filter -A INPUT_FIREWALL -i eth0 -j DROP"),
       kDisabled, "err tarnFW Failed to fwExec() so disable firewall", kAcceptSet}), false, kSwitchedOff},
   Row{"SwitchedOffBeforeStaysOff", [] { files::writeSettings(std::string(kSwitchedOff) + "\n"); breakCommand("/sbin/iptables -A INPUT_FIREWALL -i lo -j ACCEPT"); }, "",
@@ -433,11 +357,11 @@ INSTANTIATE_TEST_SUITE_P(Running, Trial, testing::Values(
 
 INSTANTIATE_TEST_SUITE_P(InTheAcceptSet, Trial, testing::Values(
   Row{"InputV4", [] { breakCommand("/sbin/iptables --policy INPUT ACCEPT"); }, "",
-    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, kV4Lines, kV6Lines,
+    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, kStateless,
       "exec /sbin/iptables --policy INPUT ACCEPT", notRun("/sbin/iptables", "--policy INPUT ACCEPT"),
       "err tarnFW Failed to fwExec() to set default accept.", kDisabled}), false, kSwitchedOff},
   Row{"EstablishedV6", [] { breakCommand("/sbin/ip6tables -D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT"); }, "",
-    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, kV4Lines, kV6Lines, kAcceptSet,
+    lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, kStateless, kAcceptSet,
       notRun("/sbin/ip6tables", "-D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT"),
       "err tarnFW Failed to fwExec() to set default accept.", kDisabled}), false, kSwitchedOff}),
   rowName);
@@ -485,9 +409,8 @@ TEST_F(Trial, TestProfileOfATestProfile) {
   removeTestProfile();
   files::writeProfile("3", ".test_.test_office", "null", R"({"eth0": 1, "global": 2})");
   EXPECT_TRUE(FW::TARNFW().TestApplyingProfile(".test_office"));
-  EXPECT_EQ(
-      lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, kV4Lines, kV6Lines, kAcceptSet}),
-      trace::take());
+  EXPECT_EQ(lines({kModulesAsked, kDropSet, kFlush, kInterfacesRead, kStateless, kAcceptSet}),
+            trace::take());
 }
 
 }  // namespace
