@@ -2,6 +2,9 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
+#include <stdio.h>
+#include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,12 +14,21 @@ namespace tarn {
 namespace {
 
 constexpr mode_t kMode = 0600;  // whoever can open the file can lock it
-constexpr char kGateDirectory[] = "/run/tarn";
-constexpr mode_t kGateDirectoryMode = 0755;
+constexpr char kOwnDirectory[] = "/run/tarn";
+constexpr mode_t kOwnDirectoryMode = 0755;
 constexpr char kGate[] = "/run/tarn/lock_gate";
+constexpr char kRecordPrefix[] = "/run/tarn/lock_file.";
 // With the callers' repetitions, a user who puts something at the name again and again is overcome
 // within a second: he must be faster than we are every time.
 constexpr int kAttemptsInGate = 100;
+
+// A name in the directory of ours, which is made when it is absent; none of others may make files
+// there.
+bool openOwnPlace(const char* path, Place* place) {
+  const bool opened = openPlace(path, place) ||
+                      (mkdir(kOwnDirectory, kOwnDirectoryMode) == 0 && openPlace(path, place));
+  return opened && !place->shared;
+}
 
 // Root's processes clear and make a name in a directory of everybody's one after the other, or one
 // of them would remove the lock file that another has just made where both saw a user's file. Only
@@ -25,7 +37,7 @@ class Gate {
  public:
   explicit Gate(const Place& place) {
     Place gate;
-    if (!place.shared || !openGatePlace(&gate) || gate.shared) {
+    if (!place.shared || !openOwnPlace(kGate, &gate)) {
       return;
     }
     file_.reset(openat(gate.directory.get(), gate.name,
@@ -46,19 +58,74 @@ class Gate {
   bool busy() const { return busy_; }  // another process is at it
 
  private:
-  static bool openGatePlace(Place* gate) {
-    return openPlace(kGate, gate) ||
-           (mkdir(kGateDirectory, kGateDirectoryMode) == 0 && openPlace(kGate, gate));
-  }
-
   Descriptor file_;
   bool busy_ = false;
 };
 
+// Which file is the lock file at a name of everybody's directory: the text "DEVICE:INODE" of a
+// symbolic link in ours. Where users may link files of others (fs.protected_hardlinks), one who
+// links our lock file makes it look like a file of somebody else's that he has linked to its name.
+// Taken away as such, it would be a lock for those who hold it and none for those who come.
+class Record {
+ public:
+  explicit Record(const Place& lock) {
+    const int length = snprintf(path_, sizeof path_, "%s%s", kRecordPrefix, lock.name);
+    known_ = lock.shared && length < static_cast<int>(sizeof path_) && openOwnPlace(path_, &place_);
+  }
+  Record(const Record&) = delete;
+  Record& operator=(const Record&) = delete;
+
+  bool names(const struct stat& file) const {
+    Text text = {};
+    return known_ &&
+           readlinkat(place_.directory.get(), place_.name, text.text, sizeof text.text - 1) > 0 &&
+           strcmp(text.text, textOf(file).text) == 0;
+  }
+
+  void write(const struct stat& file) const {
+    if (!known_) {
+      return;
+    }
+    const int directory = place_.directory.get();
+    (void)unlinkat(directory, place_.name, 0);
+    (void)symlinkat(textOf(file).text, directory, place_.name);
+  }
+
+ private:
+  struct Text {
+    char text[48];
+  };
+
+  static Text textOf(const struct stat& file) {
+    Text text = {};
+    (void)snprintf(text.text, sizeof text.text, "%llu:%llu",
+                   static_cast<unsigned long long>(file.st_dev),
+                   static_cast<unsigned long long>(file.st_ino));
+    return text;
+  }
+
+  char path_[PATH_MAX];
+  Place place_;
+  bool known_ = false;
+};
+
+// Is it the lock file at the place, or one that may become it?
+bool isOwn(const Place& place, const struct stat& status) {
+  const Record record(place);
+  const bool recorded = record.names(status);
+  if (isOwnFile(status)) {
+    if (!recorded) {
+      record.write(status);
+    }
+    return true;
+  }
+  return recorded && isOurFile(status);
+}
+
 bool isOwnAt(const Place& place) {
   struct stat named = {};
   return fstatat(place.directory.get(), place.name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-         isOwnFile(named);
+         isOwn(place, named);
 }
 
 // What exists is opened without O_CREAT: the kernel refuses O_CREAT on a foreign file in a sticky
@@ -67,9 +134,9 @@ int openExisting(const Place& place) {
   return openat(place.directory.get(), place.name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
 }
 
-bool isOwnOpened(int fd) {
+bool isOwnOpened(const Place& place, int fd) {
   struct stat status = {};
-  return fstat(fd, &status) == 0 && isOwnFile(status);
+  return fstat(fd, &status) == 0 && isOwn(place, status);
 }
 
 bool hasMode(int fd) {
@@ -95,7 +162,7 @@ Descriptor makeLockFile(const Place& place, Report report) {
     errno = EWOULDBLOCK;
     return file;
   }
-  if (!file.valid() || !isOwnOpened(file.get())) {
+  if (!file.valid() || !isOwnOpened(place, file.get())) {
     file.reset();
     if (clearName(place, report)) {
       errno = EEXIST;
@@ -112,7 +179,7 @@ Descriptor makeLockFile(const Place& place, Report report) {
 
 Descriptor openLockFile(const Place& place, Report report) {
   Descriptor file(openExisting(place));
-  if (file.valid() && isOwnOpened(file.get()) && hasMode(file.get())) {
+  if (file.valid() && isOwnOpened(place, file.get()) && hasMode(file.get())) {
     return file;
   }
   file.reset();

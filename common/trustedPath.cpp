@@ -81,10 +81,11 @@ bool openPlace(const char* path, Place* place) {
   return true;
 }
 
-bool isOwnFile(const struct stat& status) {
-  return S_ISREG(status.st_mode) && status.st_nlink == 1 &&
-         (status.st_uid == geteuid() || status.st_uid == 0);
+bool isOurFile(const struct stat& status) {
+  return S_ISREG(status.st_mode) && (status.st_uid == geteuid() || status.st_uid == 0);
 }
+
+bool isOwnFile(const struct stat& status) { return isOurFile(status) && status.st_nlink == 1; }
 
 bool isSquatted(int error) {
   return error == ELOOP || error == EISDIR || error == ENXIO || error == ENODEV ||

@@ -21,8 +21,10 @@ struct Place {
 // False with errno set when the directory cannot be opened or there is no name.
 bool openPlace(const char* path, Place* place);
 
-// True for what a file in a shared directory must be: a regular file with one link that belongs to
-// the caller or to root.
+// A regular file that belongs to the caller or to root.
+bool isOurFile(const struct stat& status);
+
+// True for what a file in a shared directory must be: one of ours with one link.
 bool isOwnFile(const struct stat& status);
 
 // True for the errors of an open() that something in the way gives: a link, a directory, a socket,

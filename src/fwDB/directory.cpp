@@ -12,8 +12,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <optional>
 
 #include <json/value.h>
+#include <boost/interprocess/exceptions.hpp>
 #include <boost/lexical_cast.hpp>
 
 #include "../cleanup.h"
@@ -138,10 +140,21 @@ bool TARNFW_JSON_DB::profileDbDump(const std::string& name, const Json::Value& d
   return jsonFileDump(doc, path);
 }
 
+// Under the document's lock: a writer at work, whose lock file were taken away, would share its
+// temporary file with the next one. A removal cannot fail; one that does not get the lock goes on
+// without it.
 bool TARNFW_JSON_DB::profileDbRemove(const std::string& name) {
   const std::string path = profilePathGet(name);
-  (void)unlink(path.c_str());  // an unknown name gives the empty path, which is no file
+  const tarn::CancellationHold noCancellation;
   const std::string lockFile = getLockFile(path);
+  std::optional<DocumentLock> lock;
+  try {
+    lock.emplace(lockFile);
+    (void)lock->take();
+  } catch (const boost::interprocess::interprocess_exception&) {
+    lock.reset();
+  }
+  (void)unlink(path.c_str());  // an unknown name gives the empty path, which is no file
   if (TLIBCFileExist(lockFile.c_str()) == 1) (void)unlink(lockFile.c_str());
   return true;
 }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "../cleanup.h"
 #include "../constants.h"
 #include "module.h"
 
@@ -231,11 +232,13 @@ bool TARNFW::fwPortIsBlocked(const PortCompareST& port, const std::string& adapt
   if (!TARNFW_PROFILE().profileGet(name, profile)) {
     return here().fail("Failed to profileGet(%s)", name.c_str());
   }
+  const Cleanup noWorkingStates([&result] {  // when memory runs out in the middle of a walk, too
+    for (auto& [key, verdict] : result) {
+      const bool working = verdict == kSomeAllowed || verdict == kSomeDenied;
+      if (working) verdict = static_cast<FW_POLICY>(kPartly);
+    }
+  });
   Evaluation(profile, port, result).run(adapter);
-  for (auto& [key, verdict] : result) {
-    if (verdict == kSomeAllowed || verdict == kSomeDenied)
-      verdict = static_cast<FW_POLICY>(kPartly);
-  }
   return true;
 }
 

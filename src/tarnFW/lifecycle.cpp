@@ -14,6 +14,7 @@
 
 #include "../cleanup.h"
 #include "../constants.h"
+#include "cancellation.h"
 #include "lock.h"
 #include "module.h"
 #include "serviceRules.h"
@@ -27,7 +28,9 @@ class ExecutionLock {
  public:
   ExecutionLock() = default;
   ~ExecutionLock() {
-    if (fd_ >= 0 && TLIBCFileUnlockByFile(fd_) == 0) here().error("Failed to unlock");
+    if (fd_ < 0) return;
+    const tarn::CancellationHold noCancellation;  // none may come out of a destructor
+    if (TLIBCFileUnlockByFile(fd_) == 0) here().error("Failed to unlock");
   }
   ExecutionLock(const ExecutionLock&) = delete;
   ExecutionLock& operator=(const ExecutionLock&) = delete;

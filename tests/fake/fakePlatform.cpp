@@ -72,6 +72,7 @@ int answer(const std::string& request, int usual) {
 
 int recorded(const std::string& request, int usual) {
   trace::add(request);
+  if (machine().meanwhile) machine().meanwhile(request);
   return answer(request, usual);
 }
 

@@ -77,6 +77,9 @@ struct Machine {
 
   // Exit status of a command line, -1: it could not be run. Empty: 0.
   std::function<int(const std::string& commandLine)> exec;
+
+  // Called with each request after it was recorded; may throw.
+  std::function<void(const std::string& request)> meanwhile;
 };
 
 // The machine of the running test.

@@ -112,6 +112,7 @@ class EntryPoints : public fake::MachineTest, public testing::WithParamInterface
   }
   void TearDown() override {
     scans::left = scans::kAll;
+    if (std::filesystem::exists("/tmp.away")) std::filesystem::rename("/tmp.away", "/tmp");
     fake::MachineTest::TearDown();
   }
 };
@@ -146,13 +147,26 @@ void giveProfileTheWrongShape() {
   files::writeProfile("1", "office",
                       R"({"eth0": [{"portGroup": 0, "portList": ["ssh"], "protocol": "tcp"}]})");
 }
+// No document's lock file can be opened: its directory cannot be made, and the other one is gone.
+void hideLocks() {
+  fake::machine().answers.emplace("mkdir /var/lock/firewall/", fake::Answer(-1, EROFS));
+  std::filesystem::rename("/tmp", "/tmp.away");
+}
 void giveSettingsTheWrongShape() { files::writeSettings(R"({"status": "on"})"); }
+
+// What is said when the lock library throws in `entryPoint`.
+std::string lockFailure(const std::string& entryPoint) {
+  return "debug utils Failed to create path: Read-only file system\n"
+         "err tarnfirewall_c Failed to " +
+         entryPoint + ": No such file or directory";
+}
 
 // clang-format off
 
 // --- TARNFwRuleHup ---
 
 INSTANTIATE_TEST_SUITE_P(RuleHup, EntryPoints, testing::Values(
+  Row{"ExceptionOfTheLockLibrary", hideLocks, TARNFwRuleHup, -1, lockFailure("TARNFwRuleHup"), kUsualServices},
   Row{"UpdatesThenReloads", nothing, TARNFwRuleHup, 0,
     lines({"services enum", "services free", kReloadedWhileOff}), "eth0[0:ssh]"},
   Row{"ReloadsWithState", switchOn, TARNFwRuleHup, 0,
@@ -184,6 +198,7 @@ int reset() {
 }
 
 INSTANTIATE_TEST_SUITE_P(Reset, EntryPoints, testing::Values(
+  Row{"ExceptionOfTheLockLibrary", hideLocks, reset, 0, lines({std::string(kSwitchedOff).substr(0, std::string(kSwitchedOff).rfind("plugin init") - 1), lockFailure("TARNFwReset")}), kUsualServices},
   Row{"SwitchesOff", [] { files::writeSettings(kOn); }, reset, 0, kSwitchedOff, kUsualServices},
   Row{"SwitchedOffAlready", nothing, reset, 0, kSwitchedOff, kUsualServices},
   Row{"OffIsNotRecorded", [] { files::writeSettings("{"); }, reset, 0,
@@ -208,6 +223,7 @@ INSTANTIATE_TEST_SUITE_P(Reset, EntryPoints, testing::Values(
 // --- TLIBFwServRemoveRec ---
 
 INSTANTIATE_TEST_SUITE_P(RemoveService, EntryPoints, testing::Values(
+  Row{"ExceptionOfTheLockLibrary", hideLocks, [] { return TLIBFwServRemoveRec("ssh"); }, -1, lockFailure("TLIBFwServRemoveRec"), kUsualServices},
   Row{"Done", nothing, [] { return TLIBFwServRemoveRec("ssh"); }, 0, "", "eth0[0:gone]"},
   Row{"UnknownService", nothing, [] { return TLIBFwServRemoveRec("nosuch"); }, 0, "", kUsualServices},
   Row{"DoesNotReload", [] { files::writeSettings(kOn); }, [] { return TLIBFwServRemoveRec("ssh"); }, 0, "", "eth0[0:gone]"},
@@ -225,6 +241,7 @@ INSTANTIATE_TEST_SUITE_P(RemoveService, EntryPoints, testing::Values(
 // --- TLIBFwChangeAdatper ---
 
 INSTANTIATE_TEST_SUITE_P(ChangeAdapter, EntryPoints, testing::Values(
+  Row{"ExceptionOfTheLockLibrary", hideLocks, [] { return TLIBFwChangeAdatper("eth0", "eth1", 1); }, -1, lockFailure("TLIBFwChangeAdatper"), kUsualServices},
   Row{"WithReload", nothing, [] { return TLIBFwChangeAdatper("eth0", "eth1", 1); }, 0, kReloadedWhileOff, "eth1[0:ssh 0:gone]"},
   Row{"WithoutReload", nothing, [] { return TLIBFwChangeAdatper("eth0", "eth1", 0); }, 0, "", "eth1[0:ssh 0:gone]"},
   Row{"ReloadFlagTwoIsNone", nothing, [] { return TLIBFwChangeAdatper("eth0", "eth1", 2); }, 0, "", "eth1[0:ssh 0:gone]"},
@@ -248,6 +265,7 @@ INSTANTIATE_TEST_SUITE_P(ChangeAdapter, EntryPoints, testing::Values(
 // --- TLIBFwRuleReserveServInsert ---
 
 INSTANTIATE_TEST_SUITE_P(Reserve, EntryPoints, testing::Values(
+  Row{"ExceptionOfTheLockLibrary", hideLocks, [] { return TLIBFwRuleReserveServInsert("ssh", 1, 0); }, -1, lockFailure("TLIBFwRuleReserveServInsert"), kUsualServices},
   Row{"OneService", nothing, [] { return TLIBFwRuleReserveServInsert("ssh", 1, 0); }, 0, "", "eth0[0:ssh 0:gone] global[0:ssh]"},
   Row{"SeveralServices", nothing, [] { return TLIBFwRuleReserveServInsert("ssh,http,dns", 1, 0); }, 0, "", "eth0[0:ssh 0:gone] global[0:ssh,http,dns]"},
   Row{"AdjacentCommasGiveAnEmptyName", nothing, [] { return TLIBFwRuleReserveServInsert("ssh,,http", 1, 0); }, 0, "", "eth0[0:ssh 0:gone] global[0:ssh,,http]"},
@@ -290,6 +308,7 @@ template <int entry> void ssh() {  // switched on, and eth0's verdict for every 
 }
 
 INSTANTIATE_TEST_SUITE_P(Check, EntryPoints, testing::Values(
+  Row{"ExceptionOfTheLockLibrary", hideLocks, [] { return TARNFwPortsCheckAllowByAdapter("eth0", "ssh"); }, -1, lines({kTableRead, lockFailure("TARNFwPortsCheckAllowByAdapter")}), kUsualServices},
   Row{"Open", ssh<0>, [] { return TARNFwPortsCheckAllowByAdapter("eth0", "ssh"); }, 1, kTableRead, ""},
   Row{"Blocked", ssh<1>, [] { return TARNFwPortsCheckAllowByAdapter("eth0", "ssh"); }, 0, kTableRead, ""},
   Row{"UndecidedIsOpen", ssh<2>, [] { return TARNFwPortsCheckAllowByAdapter("eth0", "ssh"); }, 1, kTableRead, ""},

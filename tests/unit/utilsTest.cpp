@@ -573,6 +573,15 @@ TEST_P(Squatted, LockFileInTmp) {
   EXPECT_EQ("(absent)", files::read("/tmp/made"));
 }
 
+TEST_F(Utils, LockFileInTmpThatIsLinkedStaysTheLockFile) {
+  fake::machine().answers = {{"mkdir /var/lock/firewall/", {-1, EROFS}}};
+  EXPECT_TRUE(jsonFileDump(toJson("[1]"), kDocument));
+  ASSERT_EQ(0, link("/tmp/firewall_settings.json.lock", "/tmp/linked"));
+  EXPECT_TRUE(jsonFileDump(toJson("[2]"), kDocument));
+  EXPECT_EQ("100600 2 links, owner 0", modeOf("/tmp/firewall_settings.json.lock"));
+  (void)trace::take();
+}
+
 INSTANTIATE_TEST_SUITE_P(Utils, Squatted, testing::ValuesIn(kSquatterRows),
                          [](const auto& row) { return std::string(row.param.name); });
 

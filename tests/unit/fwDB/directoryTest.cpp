@@ -1,5 +1,6 @@
 // The profile directory: how profiles are found, made, renamed and removed.
 
+#include <dlfcn.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,6 +28,19 @@
 #include "trace.h"
 
 namespace fs = std::filesystem;
+
+namespace {
+
+// Called with each path that is unlinked.
+std::function<void(const std::string& path)> atUnlink;
+
+}  // namespace
+
+extern "C" int unlink(const char* path) noexcept {
+  static const auto kUnlink = reinterpret_cast<int (*)(const char*)>(dlsym(RTLD_NEXT, "unlink"));
+  if (atUnlink) atUnlink(path);
+  return kUnlink(path);
+}
 
 namespace {
 
@@ -538,6 +552,21 @@ TEST_F(Directory, DeleteRemovesTheDocumentAndItsLockFile) {
   EXPECT_TRUE(database.profileDelete("office"));
   EXPECT_EQ("2.json firewall_settings.json", files::listing(files::kProfileDirectory));
   EXPECT_EQ("2.json.lock firewall_settings.json.lock", files::listing(files::kLockDirectory));
+}
+
+// A writer whose lock file is taken away under it would share its temporary file with the next one.
+TEST_F(Directory, DeleteHoldsTheLockWhileItRemoves) {
+  twoProfiles();
+  std::vector<std::string> removed;
+  atUnlink = [&removed](const std::string& path) {
+    removed.push_back(path + (processes::locks().empty() ? " not locked" : " locked"));
+  };
+  EXPECT_TRUE(database.profileDelete("office"));
+  atUnlink = nullptr;
+  EXPECT_EQ((std::vector<std::string>{"/usr/tarn/etc/firewall.d/1.json locked",
+                                      "/var/lock/firewall/1.json.lock locked"}),
+            removed);
+  EXPECT_EQ("", processes::locks());
 }
 
 TEST_F(Directory, DeleteOfAnUnknownNameRemovesNothing) {

@@ -294,7 +294,7 @@ TEST_F(LockFile, WaitingUsesNoProcessorTime) {
 TEST_F(LockFile, IsHadWhenALeaseIsGivenBack) {
   run(std::string("touch ") + kLock);
   const processes::Lease lease(kLock, std::chrono::milliseconds(300));
-  if (!lease.taken()) GTEST_SKIP() << "a file system without leases";
+  ASSERT_TRUE(lease.taken()) << "a file system without leases";
   timespec before = {};
   timespec after = {};
   int fd = -1;
@@ -367,11 +367,35 @@ TEST_F(LockFile, MadeByAnotherIsNotRemovedForWhatStoodThere) {
   ASSERT_EQ(1, take(1, &fd)) << std::strerror(errno);
   EXPECT_EQ(0, result) << "both have the lock";
   EXPECT_EQ(nullptr, beforeUnlink);
-  EXPECT_EQ("lock_gate", files::listing("/run/tarn"));
+  EXPECT_EQ("lock_file.lock lock_gate", files::listing("/run/tarn"));
   EXPECT_EQ(kOwn, statusOf("/run/tarn/lock_gate"));
   EXPECT_EQ(1, TLIBCFileUnlockByFile(fd));
   if (result == 1) (void)TLIBCFileUnlockByFile(others);
   (void)trace::take();
+}
+
+// Users may link files of others where fs.protected_hardlinks is 0.
+TEST_F(LockFile, LinkedWhileItIsHeldExcludesAllTheSame) {
+  const std::string other = std::string(kLock) + ".other";
+  int fd = -1;
+  ASSERT_EQ(1, take(0, &fd));
+  ASSERT_EQ(0, link(kLock, other.c_str()));
+  EXPECT_EQ("held", state());
+  EXPECT_EQ(1, TLIBCFileUnlockByFile(fd));
+  EXPECT_EQ("free", state());
+  EXPECT_EQ("100600 2 links, owner 0", statusOf(kLock));
+}
+
+// Somebody's lock file is not ours because it has been ours under another name.
+TEST_F(LockFile, LinkToAnotherLockFileIsRemoved) {
+  const std::string other = std::string(kLock) + ".other";
+  int fd = -1;
+  ASSERT_EQ(1, TLIBCFileLockTimeByFile(other.c_str(), 1, 0, &fd));
+  ASSERT_EQ(0, link(other.c_str(), kLock));
+  EXPECT_EQ("free", state());
+  EXPECT_EQ(kOwn, statusOf(kLock));
+  EXPECT_EQ(1, TLIBCFileUnlockByFile(fd));
+  EXPECT_EQ(kRemovedRoots, trace::take());
 }
 
 // --- a lock file that is removed or replaced ---

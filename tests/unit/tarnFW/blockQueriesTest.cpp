@@ -94,7 +94,8 @@ class Queries : public fake::MachineTest {
       {"void", true, {kTcp, {std::vector<std::string>()}}, {kTcp, {std::vector<std::string>()}}},
       {"two", true, {}, {kTcp, {{"1", "2"}}}},
       {"sides", true, {kTcp, {{"1"}}}, {kTcp, {{"2"}}}},
-      {"mixed", true, {kUdp, {{"1"}}}, {kTcp, {{"2"}}}}};
+      {"mixed", true, {kUdp, {{"1"}}}, {kTcp, {{"2"}}}},
+      {"both", true, {kUdp, {{"2"}}}, {kTcp, {{"1"}}}}};
     // clang-format on
   }
 
@@ -728,6 +729,21 @@ TEST_F(Queries, ProfileOfTheWrongShapeThrows) {
   EXPECT_EQ("", asText(result));
 }
 
+TEST_F(Queries, WorkingStatesDoNotLeaveWithAnException) {
+  // Some addresses are let in; at the second rule memory runs out.
+  store(R"({"eth0": [
+      {"enable": true, "ipGroup": 0, "portGroup": 3, "policy": 0},
+      {"enable": true, "ipGroup": 0, "portGroup": 0, "portList": ["ssh"], "policy": 0}]})",
+        R"({"eth0": 2})");
+  fake::machine().meanwhile = [](const std::string& request) {
+    if (request == "services enum") throw std::bad_alloc();
+  };
+  AdapterPolicyMap result;
+  EXPECT_THROW((void)TARNFW().fwPortIsBlocked(record(kTcp80), "eth0", result), std::bad_alloc);
+  EXPECT_EQ("eth0=3 global=2", asText(result));
+  EXPECT_EQ("services enum", trace::take());
+}
+
 // --- services ---
 
 // Two ports of one service get the verdicts that the adapter's rules give them.
@@ -736,6 +752,7 @@ struct MergeRow {
   int first;
   int second;
   int merged;
+  const char* service = "two";  // tcp 1 and 2; "both": tcp 1 and udp 2
 };
 
 void PrintTo(const MergeRow& row, std::ostream* out) { *out << row.first << " " << row.second; }
@@ -744,14 +761,17 @@ class Merge : public Queries, public testing::WithParamInterface<MergeRow> {};
 
 TEST_P(Merge, Row) {
   const MergeRow& row = GetParam();
-  const auto rule = [](int policy, const char* port) {
-    return R"({"enable": true, "ipGroup": 5, "portGroup": 1, "protocol": 1, "portList": [")" +
-           std::string(port) + R"("], "policy": )" + std::to_string(policy) + "}";
+  const bool both = row.service == std::string("both");
+  const auto rule = [both](int policy, const char* port) {
+    return R"({"enable": true, "ipGroup": 5, "portGroup": 1, "portDirect": )" +
+           std::string(both && *port == '2' ? "1" : "0") + R"(, "protocol": )" +
+           (both && *port == '2' ? "2" : "1") + R"(, "portList": [")" + port + R"("], "policy": )" +
+           std::to_string(policy) + "}";
   };
   store(R"({"eth0": [)" + rule(row.first, "1") + ", " + rule(row.second, "2") + "]}",
         R"({"eth0": 2})");
   AdapterPolicyMap result;
-  EXPECT_TRUE(TARNFW().fwServIsBlocked("two", "eth0", result));
+  EXPECT_TRUE(TARNFW().fwServIsBlocked(row.service, "eth0", result));
   EXPECT_EQ("eth0=" + std::to_string(row.merged) + " global=2", asText(result));
   EXPECT_EQ("services enum\nservices free", trace::take());
 }
@@ -763,7 +783,8 @@ INSTANTIATE_TEST_SUITE_P(Table, Merge, testing::Values(
   MergeRow{"V2And0", 2, 0, 0}, MergeRow{"V2And1", 2, 1, 1}, MergeRow{"V2And2", 2, 2, 2}, MergeRow{"V2And3", 2, 3, 3}, MergeRow{"V2And6", 2, 6, 2},
   MergeRow{"V3And0", 3, 0, 3}, MergeRow{"V3And1", 3, 1, 1}, MergeRow{"V3And2", 3, 2, 3}, MergeRow{"V3And3", 3, 3, 3}, MergeRow{"V3And6", 3, 6, 3},
   MergeRow{"V6And0", 6, 0, 0}, MergeRow{"V6And1", 6, 1, 1}, MergeRow{"V6And2", 6, 2, 6}, MergeRow{"V6And3", 6, 3, 3}, MergeRow{"V6And7", 6, 7, 6},
-  MergeRow{"WorkingStatesMergeAsPartly", 0, 4, 3}, MergeRow{"WorkingStateAndDeny", 5, 1, 1}),
+  MergeRow{"WorkingStatesMergeAsPartly", 0, 4, 3}, MergeRow{"WorkingStateAndDeny", 5, 1, 1},
+  MergeRow{"TcpAllowedAndUdpBlocked", 0, 1, 1, "both"}, MergeRow{"TcpBlockedAndUdpAllowed", 1, 0, 1, "both"}, MergeRow{"TcpAndUdpAllowed", 0, 0, 0, "both"}),
   rowName<MergeRow>);
 // clang-format on
 
