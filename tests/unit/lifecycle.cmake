@@ -6,6 +6,7 @@ tarn_unit_test(tarnFW/enumeration)
 # Lets the library's memory run out, not that of the recording platform: dropPeriodTest.cpp stands between
 # the two, at these functions.
 tarn_unit_test(tarnFW/dropPeriod)
+target_sources(tarnFW_dropPeriodTest PRIVATE ${PROJECT_SOURCE_DIR}/tests/fake/allocations.cpp)
 foreach(function
     TLIBCErrGet TLIBCErrorGetFile TLIBCErrorGetLine
     TLIBCFileGetKeyValue TLIBCFileSetKeyValue TLIBCFileCheckKeyValue TLIBCFileExist TARNFSMkdirP

@@ -20,6 +20,7 @@
 #include "surroundings.h"
 #include "tarnfirewall.h"
 #include "testFiles.h"
+#include "throwingDocuments.h"
 
 namespace {
 
@@ -34,31 +35,9 @@ bool legacyTools() { return road::output("iptables -V").find("legacy") != std::s
 
 // --- documents ---
 
-struct DocumentRow {
-  const char* name;
-  const char* rules;
-  const char* policies;
-  const char* type;  // of the exception
-};
-
+// Of the exceptions.
 constexpr char kLogic[] = "N4Json10LogicErrorE";
 constexpr char kRuntime[] = "N4Json12RuntimeErrorE";
-
-// clang-format off
-constexpr DocumentRow kDocuments[] = {
-  {"RulesAreText", R"("none")", "null", kLogic},
-  {"RulesAreAnArray", R"([{"enable": true}])", "null", kLogic},
-  {"RulesAreANumber", "5", "null", kLogic},
-  {"RuleIsANumber", R"({"lo": [5]})", "null", kLogic},
-  {"RuleIsText", R"({"lo": ["allow"]})", "null", kLogic},
-  {"IdIsText", R"({"lo": [{"ruleID": "1"}]})", "null", kLogic},
-  {"EnableIsText", R"({"lo": [{"enable": "yes"}]})", "null", kLogic},
-  {"PolicyIsTooLarge", R"({"lo": [{"policy": 2147483648}]})", "null", kLogic},
-  {"NameIsAnArray", R"({"lo": [{"name": ["ssh"]}]})", "null", kLogic},
-  {"AddressIsAnObject", R"({"lo": [{"ipList": ["10.0.0.1", {}]}]})", "null", kLogic},
-  {"PoliciesAreText", "null", R"("deny")", kLogic},
-  {"PolicyOfAnAdapterIsText", "null", R"({"lo": "deny"})", kLogic}};
-// clang-format on
 
 int readProfile() {
   FW::FWPROFILE profile;
@@ -108,8 +87,8 @@ class Documents : public exceptions::ExceptionTest {
   }
 
   static void sweepAll(bool real) {
-    for (const DocumentRow& row : kDocuments) {
-      sweep(row.name, row.type, real, readProfile, attempts(), [&row] {
+    for (const files::ThrowingDocument& row : files::kThrowingDocuments) {
+      sweep(row.name, kLogic, real, readProfile, attempts(), [&row] {
         files::writeProfile("1", "office", row.rules, row.policies);
         files::writeProfile("2", ".test_office", row.rules, row.policies);
       });

@@ -6,11 +6,10 @@
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <new>
 #include <stdexcept>
 
+#include "allocations.h"
 #include "process.h"
 
 namespace surroundings {
@@ -51,41 +50,6 @@ bool anyDropped() {
 void harmed() {
   if (!shared->happened) shared->inside = anyDropped();
   shared->happened = true;
-}
-
-// One allocation more. True when it is to fail.
-bool fails() {
-  if (shared == nullptr || !shared->shut) return false;
-  const long number = shared->allocations++;
-  switch (shared->harm) {
-    case Harm::kAllocation:
-      if (number != shared->number) return false;
-      break;
-    case Harm::kAllocations:
-      if (number < shared->number) return false;
-      break;
-    case Harm::kCancel:
-      if (number == shared->number) {
-        harmed();
-        (void)pthread_cancel(pthread_self());
-      }
-      return false;
-    default:
-      return false;
-  }
-  harmed();
-  return true;
-}
-
-void* allocate(std::size_t size) {
-  if (fails()) return nullptr;
-  return std::malloc(size == 0 ? 1 : size);  // NOLINT(cppcoreguidelines-no-malloc): this is new
-}
-
-void* allocateOrThrow(std::size_t size) {
-  void* const block = allocate(size);
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
 }
 
 // The documents change under the library, without an allocation.
@@ -172,20 +136,26 @@ int TLIBCExecv(const char* path, char* const argv[], int wait) {
   return shared->real ? surroundings::executeReally(path, argv, wait) : 0;
 }
 
-// NOLINTBEGIN(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory): these are new and
-// delete
-void* operator new(std::size_t size) { return surroundings::allocateOrThrow(size); }
-void* operator new[](std::size_t size) { return surroundings::allocateOrThrow(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return surroundings::allocate(size);
+// One allocation more.
+bool allocations::fails() {
+  if (shared == nullptr || !shared->shut) return false;
+  const long number = shared->allocations++;
+  switch (shared->harm) {
+    case surroundings::Harm::kAllocation:
+      if (number != shared->number) return false;
+      break;
+    case surroundings::Harm::kAllocations:
+      if (number < shared->number) return false;
+      break;
+    case surroundings::Harm::kCancel:
+      if (number == shared->number) {
+        surroundings::harmed();
+        (void)pthread_cancel(pthread_self());
+      }
+      return false;
+    default:
+      return false;
+  }
+  surroundings::harmed();
+  return true;
 }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return surroundings::allocate(size);
-}
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete[](void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
-void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
-void operator delete[](void* block, const std::nothrow_t&) noexcept { std::free(block); }
-// NOLINTEND(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)

@@ -178,7 +178,7 @@ TEST_F(ManyHands, NothingIsLostAndTheRulesArriveInTheEnd) {
   for (const std::string name : {"home", "office", "road"}) {
     ASSERT_TRUE(FW::TARNFW_PROFILE().profileSet(name, profileNamed(name)));
   }
-  const seconds planned(20 * figures::longer());
+  const seconds planned(30 * figures::longer());  // with both variants a minute
   const crowd::Shared<HandCounts> counts;
   const auto work = [&](int number) {
     const auto end = steady_clock::now() + planned;

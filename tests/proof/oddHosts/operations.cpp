@@ -26,6 +26,10 @@ constexpr char kDenied[] =
   "-A INPUT_FIREWALL -s 10.0.0.1/32 -j DROP\n";
 // clang-format on
 
+constexpr char kOn[] = "status on, modules yes, the profile's rules, open";
+constexpr char kOnTrial[] = "status off, modules yes, the trial's rules, open";
+constexpr char kEveryHook[] = "enable pre 0, enable post -1, disable pre 0, disable post 0";
+
 FW::FWPROFILE profileDenying(const std::string& address) {
   FW::FWRULE rule;
   rule.policy = FW::FW_POLICY_DENY;
@@ -166,36 +170,17 @@ std::string nothingToSee() { return ""; }
 // clang-format off
 const std::vector<Operation>& operations() {
   static const std::vector<Operation> kAll = {
-      {"Enable", nothing, enable, live,
-       "true", "status on, modules yes, the profile's rules, open", "enable pre 0, enable post 0",
-       "false", "status off, modules none, no rules, open", ""},
-      {"Reload", switchOn, reload, live,
-       "true", "status on, modules yes, the profile's rules, open", "",
-       "true", "status on, modules yes, the profile's rules, open", ""},
-      {"Disable", switchOnWithRules, disable, live,
-       "true", "status off, modules no, no rules, open", "disable pre 0, disable post 0",
-       "false", "status on, modules yes, no rules, open", "disable pre 0, disable post -1"},
-      {"Trial", makeTestProfile, trial, live,
-       "true", "status off, modules yes, the trial's rules, open", "",
-       "true", "status off, modules yes, the trial's rules, open", ""},
-      {"ProfileSet", nothing, profileSet, storedProfile,
-       "true", "10.0.0.2", "",
-       "false", "10.0.0.1", ""},
-      {"ConfigSet", nothing, configSet, settings,
-       "true", "road, as it was written, mode 640", "",
-       "false", "road, , mode 640", ""},
-      {"ModuleInsert", nothing, insertModules, proofRecord,
-       "true", "yes", "",
-       "false", "none", ""},
-      {"ModuleRemove", recordModules, removeModules, proofRecord,
-       "true", "no", "",
-       "false", "yes", ""},
-      {"Hooks", nothing, runHooks, nothingToSee,
-       "true true true true", "", "enable pre 0, enable post -1, disable pre 0, disable post 0",
-       "true true true true", "", "enable pre 0, enable post -1, disable pre 0, disable post 0"},
-      {"Query", switchOn, query, nothingToSee,
-       "true global 3", "", "",
-       "true global 3", "", ""},
+      {"Enable", nothing, enable, live, {"true", kOn, "enable pre 0, enable post 0"}, {"false", "status off, modules none, no rules, open", ""}},
+      {"Reload", switchOn, reload, live, {"true", kOn, ""}, {"true", kOn, ""}},
+      {"Disable", switchOnWithRules, disable, live, {"true", "status off, modules no, no rules, open", "disable pre 0, disable post 0"},
+       {"false", "status on, modules yes, no rules, open", "disable pre 0, disable post -1"}},
+      {"Trial", makeTestProfile, trial, live, {"true", kOnTrial, ""}, {"true", kOnTrial, ""}},
+      {"ProfileSet", nothing, profileSet, storedProfile, {"true", "10.0.0.2", ""}, {"false", "10.0.0.1", ""}},
+      {"ConfigSet", nothing, configSet, settings, {"true", "road, as it was written, mode 640", ""}, {"false", "road, , mode 640", ""}},
+      {"ModuleInsert", nothing, insertModules, proofRecord, {"true", "yes", ""}, {"false", "none", ""}},
+      {"ModuleRemove", recordModules, removeModules, proofRecord, {"true", "no", ""}, {"false", "yes", ""}},
+      {"Hooks", nothing, runHooks, nothingToSee, {"true true true true", "", kEveryHook}, {"true true true true", "", kEveryHook}},
+      {"Query", switchOn, query, nothingToSee, {"true global 3", "", ""}, {"true global 3", "", ""}},
   };
   return kAll;
 }
@@ -204,6 +189,7 @@ const std::vector<Operation>& operations() {
 void prepare() {
   fs::remove_all("/tmp/tool");
   fs::create_directory("/tmp/tool");
+  files::write("/run/syslog", "");
   road::installSeedFiles();
   road::makeBaseChains();
   files::writeSettings(R"({"profile" : "road", "status" : false})");

@@ -21,7 +21,7 @@
 namespace {
 
 constexpr char kTurns[] = "/run/tarn-proof-switches.lock";
-constexpr unsigned kLongestWait = 240;  // seconds; a turn is one test
+constexpr unsigned kLongestWait = 500;  // seconds; a turn is one test
 
 [[noreturn]] void stop(const char* what) {
   std::perror(what);

@@ -22,6 +22,7 @@
 #include <gtest/gtest.h>
 
 #include "attacker.h"
+#include "counts.h"
 #include "figures.h"
 #include "lock.h"
 #include "places.h"
@@ -31,32 +32,11 @@ namespace {
 
 using namespace squatting;  // NOLINT(google-build-using-namespace): the test's own support
 
-struct Figures {
-  unsigned held = 0;
-  unsigned raced = 0;
-  unsigned contested = 0;  // of them: the attacker was at the name while root was at work
-  unsigned leasesRefused = 0;
-  unsigned turns = 0;
-  unsigned wrong = 0;
-};
+constexpr char kContested[] = "with the attacker at the name meanwhile";
 
-Figures& counted() {
-  static Figures kept;
-  return kept;
-}
-
-class Races : public testing::Test {
- protected:
-  static void SetUpTestSuite() { figures::open("squatting/races"); }
-  static void TearDownTestSuite() {
-    figures::add(counted().held, "cases with a held lock");
-    figures::add(counted().leasesRefused, "leases refused by the kernel");
-    figures::add(counted().raced, "cases with a race");
-    figures::add(counted().contested, "with the attacker at the name meanwhile");
-    figures::add(counted().turns, "turns under attack");
-    figures::add(counted().wrong, "wrong");
-  }
-};
+figures::Counts tally("squatting/races",
+                      {"cases with a held lock", "leases refused by the kernel",
+                       "cases with a race", kContested, "turns under attack", "wrong"});
 
 void prepare(const Place& place) {
   makeVictims();
@@ -74,7 +54,7 @@ void expectRight(const Place& place) {
   EXPECT_EQ("true", answered);
   EXPECT_EQ("", wrong);
   EXPECT_EQ(before, after);
-  if (answered != "true" || !wrong.empty() || before != after) ++counted().wrong;
+  if (answered != "true" || !wrong.empty() || before != after) tally.count("wrong");
 }
 
 // --- what can be held on a file of one's own ---
@@ -112,7 +92,7 @@ Attack holdAt(const char* path, const Hold& hold) {
   });
 }
 
-TEST_F(Races, HeldFilesAreNotWaitedFor) {
+TEST(Races, HeldFilesAreNotWaitedFor) {
   constexpr unsigned kLeast = 24;
   for (const Place& place : openPlaces()) {
     if (place.after == After::kUntouched) continue;
@@ -122,19 +102,19 @@ TEST_F(Races, HeldFilesAreNotWaitedFor) {
       const Attack attack = holdAt(place.path, hold);
       const bool lease = std::strstr(hold.name, "Lease") != nullptr;
       if (lease && attack.error() == EINVAL) {  // a file system without leases
-        ++counted().leasesRefused;
+        tally.count("leases refused by the kernel");
         continue;
       }
       ASSERT_EQ(0, attack.error()) << "the attacker's own part";
-      ++counted().held;
+      tally.count("cases with a held lock");
       expectRight(place);
     }
   }
-  EXPECT_GE(counted().held, kLeast);
+  EXPECT_GE(tally.counted("cases with a held lock"), kLeast);
 }
 
 // A FIFO that can be opened at once, because its maker has both ends open: who reads it waits.
-TEST_F(Races, OpenFifosAreNotWaitedFor) {
+TEST(Races, OpenFifosAreNotWaitedFor) {
   for (const Place& place : openPlaces()) {
     if (place.after == After::kUntouched) continue;
     SCOPED_TRACE(place.name);
@@ -143,13 +123,13 @@ TEST_F(Races, OpenFifosAreNotWaitedFor) {
       return mkfifo(place.path, 0666) == 0 && open(place.path, O_RDWR | O_CLOEXEC) >= 0 ? 0 : -1;
     });
     ASSERT_EQ(0, attack.error()) << "the attacker's own part";
-    ++counted().held;
+    tally.count("cases with a held lock");
     expectRight(place);
   }
 }
 
 // Whoever opens a running program for writing is refused.
-TEST_F(Races, RunningProgramsAreNoObstacle) {
+TEST(Races, RunningProgramsAreNoObstacle) {
   for (const Place& place : openPlaces()) {
     if (place.after == After::kUntouched) continue;
     SCOPED_TRACE(place.name);
@@ -174,7 +154,7 @@ TEST_F(Races, RunningProgramsAreNoObstacle) {
                  : -1;
     });
     ASSERT_EQ(0, attack.error()) << "the attacker's own part";
-    ++counted().held;
+    tally.count("cases with a held lock");
     expectRight(place);
   }
 }
@@ -232,18 +212,18 @@ void raceAt(const Place& place, const char* squat) {
   const Attack first = Attack::repeating(work);
   const Attack second = Attack::repeating(work);
   EXPECT_TRUE(processes::eventually([&made] { return made.counted() > 0; }));
-  ++counted().raced;
+  tally.count("cases with a race");
   const unsigned long before = made.counted();
   const std::string answered = answer(place.operation);
-  counted().contested += made.counted() > before ? 1 : 0;
+  if (made.counted() > before) tally.count(kContested);
   EXPECT_EQ("true", answered);
   // His own directory is not compared: he works in it himself.
   const std::string wrong = place.after == After::kGone ? "" : fault(place, "");
   EXPECT_EQ("", wrong);
-  if (answered != "true" || !wrong.empty()) ++counted().wrong;
+  if (answered != "true" || !wrong.empty()) tally.count("wrong");
 }
 
-TEST_F(Races, WhatComesBackIsOvercome) {
+TEST(Races, WhatComesBackIsOvercome) {
   const int rounds = 4 * figures::longer();
   for (int round = 0; round < rounds; ++round) {
     for (const char* place :
@@ -254,12 +234,12 @@ TEST_F(Races, WhatComesBackIsOvercome) {
       }
     }
   }
-  EXPECT_GE(counted().contested, counted().raced / 4);
+  EXPECT_GE(tally.counted(kContested), tally.counted("cases with a race") / 4);
 }
 
 // Processes of root's that want the lock at once still take turns: what one of them moves away is
 // what the attacker put there, never the lock file that another has just made in its place.
-TEST_F(Races, TurnsAreTakenUnderAttack) {
+TEST(Races, TurnsAreTakenUnderAttack) {
   constexpr int kTurns = 25;
   const Place& place = placeOf("ExecutionLock");
   const int rounds = 2 * figures::longer();
@@ -294,8 +274,8 @@ TEST_F(Races, TurnsAreTakenUnderAttack) {
       for (processes::Child* const child : {&one, &two, &three}) {
         const std::string answered = child->answer();
         EXPECT_EQ("0 overlaps", answered);
-        counted().turns += kTurns;
-        counted().wrong += answered == "0 overlaps" ? 0 : 1;
+        tally.count("turns under attack", kTurns);
+        if (answered != "0 overlaps") tally.count("wrong");
       }
       EXPECT_GT(made.counted(), before) << "nobody attacked";
     }

@@ -1,6 +1,5 @@
 #include "switches.h"
 
-#include <algorithm>
 #include <cstring>
 #include <fstream>
 
@@ -20,8 +19,6 @@ bool setValue(const char* path, int value) {
   return file.good();
 }
 
-constexpr Setting kDebians = {1, 1, 1, 2};
-
 }  // namespace
 
 std::string text(const Setting& setting) {
@@ -33,21 +30,16 @@ std::string text(const Setting& setting) {
   return all;
 }
 
-std::vector<Setting> settings(bool every, const Setting& machines) {
+std::vector<Setting> settings() {
   std::vector<Setting> all;
   for (int symlinks = 0; symlinks < 2; ++symlinks) {
     for (int hardlinks = 0; hardlinks < 2; ++hardlinks) {
       for (int fifos = 0; fifos < 3; ++fifos) {
         for (int regular = 0; regular < 3; ++regular) {
-          if (every || fifos == regular) all.push_back({symlinks, hardlinks, fifos, regular});
+          all.push_back({symlinks, hardlinks, fifos, regular});
         }
       }
     }
-  }
-  for (const Setting& met : {kDebians, machines}) {
-    const bool known = std::find(all.begin(), all.end(), met) != all.end();
-    const bool absent = std::find(met.begin(), met.end(), -1) != met.end();
-    if (!known && !absent) all.push_back(met);
   }
   return all;
 }

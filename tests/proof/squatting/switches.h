@@ -20,9 +20,9 @@ using Setting = std::array<int, kSwitches.size()>;
 // "symlinks 1, hardlinks 1, fifos 2, regular 2"
 std::string text(const Setting& setting);
 
-// Links on and off, hard links on and off, and for FIFOs and files the levels 0, 1, 2: both the
-// same, and besides what Debian sets and what `machines` is; or with `every` all combinations, 36.
-std::vector<Setting> settings(bool every, const Setting& machines);
+// Links on and off, hard links on and off, and for FIFOs and files the levels 0, 1, 2: all 36
+// combinations.
+std::vector<Setting> settings();
 
 // Sets the machine's switches, and sets them back at its end. When the process is killed, the
 // program keepSwitches, which the test is started by, does that.

@@ -21,6 +21,7 @@
 
 #include <json/value.h>
 
+#include "allocations.h"
 #include "error.h"
 #include "fakePlatform.h"
 #include "files.h"
@@ -36,6 +37,7 @@
 #include "tarnFW/module.h"
 #include "tarnfirewall.h"
 #include "testFiles.h"
+#include "throwingDocuments.h"
 #include "trace.h"
 
 // --- memory that runs out ---
@@ -53,23 +55,6 @@ struct Failures {
 
 Failures failures;
 int outside = 0;  // calls of the platform and the log under way: theirs do not count
-
-bool fails() {
-  if (!failures.armed || outside > 0) return false;
-  const long number = failures.asked++;
-  return failures.lasting ? number >= failures.first : number == failures.first;
-}
-
-void* allocate(std::size_t size) {
-  if (fails()) return nullptr;
-  return std::malloc(size == 0 ? 1 : size);
-}
-
-void* allocateOrThrow(std::size_t size) {
-  void* const block = allocate(size);
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
 
 class Outside {
  public:
@@ -91,23 +76,12 @@ bool failing(long number, bool lasting, const std::function<void()>& work) {
 }  // namespace
 }  // namespace memory
 
-// NOLINTBEGIN(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory): these are new and
-// delete
-void* operator new(std::size_t size) { return memory::allocateOrThrow(size); }
-void* operator new[](std::size_t size) { return memory::allocateOrThrow(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return memory::allocate(size);
+bool allocations::fails() {
+  memory::Failures& failures = memory::failures;
+  if (!failures.armed || memory::outside > 0) return false;
+  const long number = failures.asked++;
+  return failures.lasting ? number >= failures.first : number == failures.first;
 }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return memory::allocate(size);
-}
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete[](void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
-void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
-void operator delete[](void* block, const std::nothrow_t&) noexcept { std::free(block); }
-// NOLINTEND(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
 
 // What the library calls goes through here (the linker's --wrap), so that the recording platform's
 // own allocations neither count nor fail.
@@ -238,15 +212,8 @@ class DropPeriod : public fake::MachineTest {
 
 // --- documents whose types make the JSON library throw ---
 
-struct DocumentRow {
-  const char* name;
-  const char* rules;
-  const char* policies;
-
-  friend void PrintTo(const DocumentRow& row, std::ostream* out) { *out << row.name; }
-};
-
-class BrokenProfile : public DropPeriod, public testing::WithParamInterface<DocumentRow> {};
+class BrokenProfile : public DropPeriod,
+                      public testing::WithParamInterface<files::ThrowingDocument> {};
 
 TEST_P(BrokenProfile, ThrowsAndOpensThePolicies) {
   files::writeProfile("1", "office", GetParam().rules, GetParam().policies);
@@ -256,31 +223,28 @@ TEST_P(BrokenProfile, ThrowsAndOpensThePolicies) {
 }
 
 // clang-format off
-INSTANTIATE_TEST_SUITE_P(Table, BrokenProfile, testing::Values(
-  DocumentRow{"RulesAreText", R"("none")", "null"},
-  DocumentRow{"RulesAreAnArray", R"([{"enable": true}])", "null"},
-  DocumentRow{"RulesAreANumber", "5", "null"},
-  DocumentRow{"RuleIsANumber", R"({"eth0": [5]})", "null"},
-  DocumentRow{"RuleIsText", R"({"eth0": ["allow"]})", "null"},
-  DocumentRow{"RuleIsAnArray", R"({"eth0": [[]]})", "null"},
-  DocumentRow{"IdIsText", R"({"eth0": [{"ruleID": "1"}]})", "null"},
-  DocumentRow{"EnableIsText", R"({"eth0": [{"enable": "yes"}]})", "null"},
-  DocumentRow{"PolicyIsTooLarge", R"({"eth0": [{"policy": 2147483648}]})", "null"},
-  DocumentRow{"ProtocolIsAnObject", R"({"eth0": [{"protocol": {}}]})", "null"},
-  DocumentRow{"NameIsAnArray", R"({"eth0": [{"name": ["ssh"]}]})", "null"},
-  DocumentRow{"TableIsAnObject", R"({"eth0": [{"table": {"filter": 1}}]})", "null"},
-  DocumentRow{"LabelIsAnObject", R"({"eth0": [{"labelList": [{}]}]})", "null"},
-  DocumentRow{"ChainIsAnArray", R"({"eth0": [{"chainList": [["INPUT_FIREWALL"]]}]})", "null"},
-  DocumentRow{"AddressIsAnObject", R"({"eth0": [{"ipList": ["10.0.0.1", {}]}]})", "null"},
-  DocumentRow{"AddressKindIsText", R"({"eth0": [{"ipGroup": "5"}]})", "null"},
-  DocumentRow{"PortIsAnArray", R"({"eth0": [{"portList": [[22]]}]})", "null"},
-  DocumentRow{"PortKindIsAnArray", R"({"eth0": [{"portGroup": [1]}]})", "null"},
-  DocumentRow{"PoliciesAreText", "null", R"("deny")"},
-  DocumentRow{"PoliciesAreAnArray", "null", "[1]"},
-  DocumentRow{"PolicyOfAnAdapterIsText", "null", R"({"eth0": "deny"})"},
-  DocumentRow{"PolicyOfAnAdapterIsNoInteger", "null", R"({"eth0": 1e10})"}),
-  rowName<DocumentRow>);
+constexpr files::ThrowingDocument kOtherFields[] = {
+  {"RuleIsAnArray", R"({"eth0": [[]]})", "null"},
+  {"ProtocolIsAnObject", R"({"eth0": [{"protocol": {}}]})", "null"},
+  {"TableIsAnObject", R"({"eth0": [{"table": {"filter": 1}}]})", "null"},
+  {"LabelIsAnObject", R"({"eth0": [{"labelList": [{}]}]})", "null"},
+  {"ChainIsAnArray", R"({"eth0": [{"chainList": [["INPUT_FIREWALL"]]}]})", "null"},
+  {"AddressKindIsText", R"({"eth0": [{"ipGroup": "5"}]})", "null"},
+  {"PortIsAnArray", R"({"eth0": [{"portList": [[22]]}]})", "null"},
+  {"PortKindIsAnArray", R"({"eth0": [{"portGroup": [1]}]})", "null"},
+  {"PoliciesAreAnArray", "null", "[1]"},
+  {"PolicyOfAnAdapterIsNoInteger", "null", R"({"eth0": 1e10})"}};
 // clang-format on
+
+std::vector<files::ThrowingDocument> brokenProfiles() {
+  std::vector<files::ThrowingDocument> all(std::begin(files::kThrowingDocuments),
+                                           std::end(files::kThrowingDocuments));
+  all.insert(all.end(), std::begin(kOtherFields), std::end(kOtherFields));
+  return all;
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, BrokenProfile, testing::ValuesIn(brokenProfiles()),
+                         rowName<files::ThrowingDocument>);
 
 TEST_F(DropPeriod, DocumentNestedTooDeepThrowsAndOpensThePolicies) {
   files::write("/usr/tarn/etc/firewall.d/3.json", std::string(2000, '[') + std::string(2000, ']'));
