@@ -161,6 +161,9 @@ TEST(Races, RunningProgramsAreNoObstacle) {
 
 // --- again and again ---
 
+// Those outside of his own directory.
+std::string rootsVictims() { return description("/etc/victims"); }
+
 void takeAway(const char* path) {
   if (unlink(path) == 0 || errno != EISDIR) return;
   const std::string aside = std::string("/tmp/attacker/") + std::to_string(getpid());
@@ -207,6 +210,7 @@ template <typename Work>
 void raceAt(const Place& place, const char* squat) {
   SCOPED_TRACE(std::string(place.name) + " " + squat);
   prepare(place);
+  const std::string victimsBefore = rootsVictims();
   const Made made;
   const Work work = {squatOf(squat), place.path, made};
   const Attack first = Attack::repeating(work);
@@ -219,8 +223,10 @@ void raceAt(const Place& place, const char* squat) {
   EXPECT_EQ("true", answered);
   // His own directory is not compared: he works in it himself.
   const std::string wrong = place.after == After::kGone ? "" : fault(place, "");
+  const std::string victimsAfter = rootsVictims();
   EXPECT_EQ("", wrong);
-  if (answered != "true" || !wrong.empty()) tally.count("wrong");
+  EXPECT_EQ(victimsBefore, victimsAfter);
+  if (answered != "true" || !wrong.empty() || victimsBefore != victimsAfter) tally.count("wrong");
 }
 
 TEST(Races, WhatComesBackIsOvercome) {
@@ -247,6 +253,7 @@ TEST(Races, TurnsAreTakenUnderAttack) {
     for (const char* squat : {"Directory", "DirectoryFullOfTraps", "File", "DanglingLink"}) {
       SCOPED_TRACE(squat);
       prepare(place);
+      const std::string victimsBefore = rootsVictims();
       const Made made;
       const Attack attack = Attack::repeating(OnAndOff{squatOf(squat), place.path, made});
       EXPECT_TRUE(processes::eventually([&made] { return made.counted() > 0; }));
@@ -278,6 +285,9 @@ TEST(Races, TurnsAreTakenUnderAttack) {
         if (answered != "0 overlaps") tally.count("wrong");
       }
       EXPECT_GT(made.counted(), before) << "nobody attacked";
+      const std::string victimsAfter = rootsVictims();
+      EXPECT_EQ(victimsBefore, victimsAfter);
+      if (victimsBefore != victimsAfter) tally.count("wrong");
     }
   }
 }
