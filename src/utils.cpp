@@ -140,8 +140,9 @@ std::string documentText(const Json::Value& value) {
   if (!mayHoldComments) return text;
   try {
     Json::Value read;
-    const bool same = parse(text, read, /*collectComments=*/false) && read == value;
-    return same ? text : render(withoutComments(value));
+    std::string bare = render(withoutComments(value));
+    const bool same = parse(text, read, /*collectComments=*/false) && render(read) == bare;
+    return same ? text : bare;
   } catch (const Json::Exception&) {  // nested more deeply than can be read
     return text;
   }

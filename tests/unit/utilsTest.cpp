@@ -343,6 +343,16 @@ TEST_F(Utils, DumpWritesTheStyledFormAndNothingElse) {
   EXPECT_EQ("firewall_settings.json.lock", files::listing(files::kLockDirectory));
 }
 
+// An unsigned number is read back as a signed one.
+TEST_F(Utils, CommentsSurviveANumberOfAnotherType) {
+  files::write(kDocument, "{\n   // one\n   \"a\" : 1\n}\n");
+  Json::Value value;
+  ASSERT_TRUE(jsonFileLoad(value, kDocument));
+  value["b"] = 2U;
+  EXPECT_TRUE(jsonFileDump(value, kDocument));
+  EXPECT_EQ("{\n   // one\n   \"a\" : 1,\n   \"b\" : 2\n}\n", files::read(kDocument));
+}
+
 TEST_F(Utils, CommentsOfADocumentSurvive) {
   files::write(kDocument, "// written by hand\n{\n   \"a\" : 1 // one\n}\n");
   Json::Value value;

@@ -32,6 +32,7 @@
 #include "plugins.h"
 #include "process.h"
 #include "processes.h"
+#include "reloadSequence.h"
 #include "services.h"
 #include "strlist.h"
 #include "tarnFW/module.h"
@@ -162,29 +163,9 @@ constexpr char kSwitchedOn[] =
   "   \"status\" : true\n"
   "}\n";
 
-const std::string kLocked =
-  "lock /tmp/firewall_iptables_exec.lock 1 30\n"
-  "get /tmp/iptables_serv_mod_list firewall";
-
-const std::string kDropAndFlush =
-  "exec /sbin/iptables --policy INPUT DROP\n"
-  "exec /sbin/iptables --policy FORWARD DROP\n"
-  "exec /sbin/iptables -A FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/ip6tables --policy INPUT DROP\n"
-  "exec /sbin/ip6tables --policy FORWARD DROP\n"
-  "exec /sbin/ip6tables -A FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/iptables -F INPUT_FIREWALL\n"
-  "exec /sbin/ip6tables -F INPUT_FIREWALL\n"
-  "exec /sbin/iptables -F FORWARD_FIREWALL\n"
-  "exec /sbin/ip6tables -F FORWARD_FIREWALL";
-
-const std::string kOpened =
-  "exec /sbin/iptables --policy INPUT ACCEPT\n"
-  "exec /sbin/iptables --policy FORWARD ACCEPT\n"
-  "exec /sbin/iptables -D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT\n"
-  "exec /sbin/ip6tables --policy INPUT ACCEPT\n"
-  "exec /sbin/ip6tables --policy FORWARD ACCEPT\n"
-  "exec /sbin/ip6tables -D FIREWALL_RELOADING -m state --state ESTABLISHED,RELATED -j ACCEPT";
+const std::string kLocked = sequence::lines({sequence::kLocked, sequence::kModulesAsked});
+const std::string kDropAndFlush = sequence::lines({sequence::kDropSet, sequence::kFlush});
+const std::string& kOpened = sequence::kAcceptSet;
 // clang-format on
 
 // Switched on, kernel modules loaded, one profile that denies eth0, and its test profile.
