@@ -244,6 +244,10 @@ std::string answer(const Operation& operation) {
   }
 }
 
+bool isException(const std::string& answer) {
+  return answer == "JSON exception" || answer == "lock exception" || answer == "bad_alloc";
+}
+
 std::string further() {
   const bool noted = TARNFW().configSet(note("note", "after"));
   const bool rewritten = TARNFW_PROFILE().profileRemoveServ("unknown");

@@ -52,6 +52,7 @@ std::string difference(const store::Documents& expected, const store::Documents&
 // Runs the operation: "true", "false", or how it left: "JSON exception", "lock exception",
 // "bad_alloc". Anything else that it may not do is another answer.
 std::string answer(const Operation& operation);
+bool isException(const std::string& answer);  // one of the three
 
 // Two operations more: a member "note" of the settings, and an edit that writes every profile anew.
 // "true true" when both say so.

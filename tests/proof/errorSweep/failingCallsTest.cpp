@@ -9,14 +9,14 @@
 
 #include <array>
 #include <cerrno>
-#include <iostream>
+#include <cstdint>
+#include <cstdlib>
 #include <set>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "figures.h"
 #include "operations.h"
 #include "store.h"
 #include "supervisor.h"
@@ -27,7 +27,7 @@ namespace {
 
 using operations::Operation;
 
-constexpr long kPromisedPoints = 4000;
+constexpr long kPromisedPoints = 10'000;  // of each part
 
 struct Error {
   int number;
@@ -44,23 +44,30 @@ constexpr std::array<Error, 7> kErrors = {{{ENOSPC, "ENOSPC"},
 // The calls that find the file of a deletion, and the one that removes it.
 const std::set<std::string> kFindOrRemove = {"unlink", "unlinkat", "openat", "newfstatat",
                                              "getdents64"};
-constexpr long kDeletions = 2;
-constexpr long kMostNotRemoved = kDeletions * 4 * static_cast<long>(kErrors.size());
-constexpr long kPassedOverShare = 50;  // at most one point in so many
+constexpr std::uint64_t kDeletions = 2;
+constexpr std::uint64_t kMostNotRemoved = kDeletions * 4 * kErrors.size();
+constexpr std::uint64_t kPassedOverShare = 50;  // at most one point in so many
 
-struct Counts {
-  long points = 0;
-  long succeeded = 0;
-  long exceptions = 0;
-  long passedOver = 0;
-  long notRemoved = 0;
-  long damaged = 0;
-  long untrue = 0;
-  long leaks = 0;
-  long crashes = 0;
-};
+constexpr char kPoints[] = "failing calls";
+constexpr char kDamaged[] = "damaged";
+constexpr char kSucceeded[] = "true";
+constexpr char kUntrue[] = "of them false";
+constexpr char kWithPassedOver[] = "with a profile passed over";
+constexpr char kNotRemoved[] = "with a file not removed, as stated";
+constexpr char kLeaks[] = "descriptors or locks kept";
+constexpr char kCrashes[] = "crashes";
+constexpr char kExceptions[] = "exceptions of the libraries";
 
-Counts counts;
+// The name of this part of the sweep, which is run in three.
+std::string variant() {
+  const char* const name = std::getenv("TARN_VARIANT");
+  return name == nullptr ? "all" : name;
+}
+
+sweep::Counts counts("error-sweep/calls/" + variant(), kPromisedPoints,
+                     {kPoints, kDamaged, kSucceeded, kUntrue, kWithPassedOver, kNotRemoved, kLeaks,
+                      kCrashes, kExceptions},
+                     supervisor::whyNot);
 
 const std::string kCannotRead = "Failed to load json from ";
 const std::string kPassedOver = ", passed over: ";
@@ -74,10 +81,6 @@ std::string answerOf(const Operation& operation) {
     if (systemLog::has((kCannotRead + path).c_str())) answer += path + " ";
   }
   return answer;
-}
-
-bool isException(const std::string& answer) {
-  return answer == "JSON exception" || answer == "lock exception" || answer == "bad_alloc";
 }
 
 bool isAsPromised(const Operation& operation, const store::Documents& documents) {
@@ -102,109 +105,61 @@ bool isDoneBeside(const Operation& operation, const store::Documents& documents,
 
 // A call of `operation` has failed.
 void judge(const Operation& operation, int call, const supervisor::Outcome& outcome) {
-  ++counts.points;
+  counts.count(kPoints);
   const std::size_t end = outcome.answer.find(kPassedOver);
   const bool passedOver = end != std::string::npos;
   const std::string answer = outcome.answer.substr(0, end);
 
+  if (operations::isException(answer)) counts.count(kExceptions);
   if (outcome.signal != 0 || outcome.hung ||
-      (answer != "true" && answer != "false" && !isException(answer))) {
-    ++counts.crashes;
-    ADD_FAILURE() << "ended by signal " << outcome.signal << (outcome.hung ? ", hung" : "")
-                  << ", answer: " << answer;
+      (answer != "true" && answer != "false" && !operations::isException(answer))) {
+    counts.fault(kCrashes, "signal " + std::to_string(outcome.signal) +
+                               (outcome.hung ? ", hung" : "") + ", answer: " + answer);
   }
-  counts.exceptions += isException(answer) ? 1 : 0;
-  if (!outcome.leaks.empty()) {
-    ++counts.leaks;
-    ADD_FAILURE() << "kept:" << outcome.leaks;
-  }
+  counts.fault(kLeaks, outcome.leaks);
 
   const store::Found found = store::look();
-  const std::string damage = (passedOver ? operations::damageBesideTwin(operation, found.documents)
-                                         : operations::damage(operation, found.documents)) +
-                             found.strays;
-  if (!damage.empty()) {
-    ++counts.damaged;
-    ADD_FAILURE() << "damaged: " << damage;
-  }
+  counts.fault(kDamaged, (passedOver ? operations::damageBesideTwin(operation, found.documents)
+                                     : operations::damage(operation, found.documents)) +
+                             found.strays);
   if (answer != "true") return;
-  ++counts.succeeded;
+  counts.count(kSucceeded);
   if (isAsPromised(operation, found.documents)) return;
   if (passedOver && isDoneBeside(operation, found.documents, outcome.answer.substr(end))) {
-    ++counts.passedOver;
-    return;
+    counts.count(kWithPassedOver);
+  } else if (operation.alwaysTrue && kFindOrRemove.count(supervisor::nameOf(call)) != 0) {
+    counts.count(kNotRemoved);
+  } else {
+    counts.fault(kUntrue, operations::difference(operations::after(operation), found.documents));
   }
-  if (operation.alwaysTrue && kFindOrRemove.count(supervisor::nameOf(call)) != 0) {
-    ++counts.notRemoved;
-    return;
-  }
-  ++counts.untrue;
-  ADD_FAILURE() << "said true, but: "
-                << operations::difference(operations::after(operation), found.documents);
-}
-
-// An operation on every profile reads and writes with the calls of profileGet and profileSet, which
-// fail with every error. Its own fail with one of them by turns, unless the sweep is a long one.
-std::vector<Error> errorsOf(const Operation& operation, long number) {
-  if (!operation.everyProfile || figures::longer() > 1) return {kErrors.begin(), kErrors.end()};
-  return {kErrors[static_cast<std::size_t>(number) % kErrors.size()]};
 }
 
 class FailingCalls : public testing::TestWithParam<Operation> {
  protected:
-  static void SetUpTestSuite() { sweep::prepare(); }
+  static void TearDownTestSuite() {
+    EXPECT_GE(kMostNotRemoved, counts.counted(kNotRemoved));
+    EXPECT_GE(counts.counted(kPoints) / kPassedOverShare, counts.counted(kWithPassedOver));
+  }
 };
 
 TEST_P(FailingCalls, WithEveryError) {
   const Operation& operation = GetParam();
-  const auto work = [&operation] { return answerOf(operation); };
-  const store::Documents before = operations::before(operation);
-  const long pointsBefore = counts.points;
-  store::reset(before);
-  for (const int call : supervisor::callsOf(work, /*filesOnly=*/true)) {
-    bool more = true;
-    for (long number = 0; more; ++number) {
-      for (const Error& error : errorsOf(operation, number)) {
-        store::reset(before);
-        const supervisor::Outcome outcome =
-            supervisor::run({call, number, /*kill=*/false, error.number, /*inspect=*/true}, work);
-        more = outcome.harmed;
-        if (!more) break;  // there are not that many
-        SCOPED_TRACE(std::string(operation.name) + ": " + error.name + " of " +
-                     supervisor::nameOf(call) + " " + std::to_string(number));
-        judge(operation, call, outcome);
-      }
-    }
-  }
-  std::cout << operation.name << ": " << counts.points - pointsBefore << " failing calls\n";
+  sweep::atEveryCall(operation, /*filesOnly=*/true, [&operation](int call, long point) {
+    // The errors of one call are points after each other.
+    const Error& error = kErrors[static_cast<std::size_t>(point) % kErrors.size()];
+    const long number = point / static_cast<long>(kErrors.size());
+    const supervisor::Outcome outcome =
+        supervisor::run({call, number, /*kill=*/false, error.number, /*inspect=*/true},
+                        [&operation] { return answerOf(operation); });
+    if (!outcome.harmed) return false;
+    SCOPED_TRACE(std::string(error.name) + " of " + supervisor::nameOf(call) + " " +
+                 std::to_string(number));
+    judge(operation, call, outcome);
+    return true;
+  });
 }
 
 INSTANTIATE_TEST_SUITE_P(Operations, FailingCalls, testing::ValuesIn(operations::all()),
-                         [](const auto& row) { return row.param.name; });
-
-class Closing : public testing::Environment {
- public:
-  void SetUp() override {
-    figures::open("error-sweep/calls");
-    sweep::skipFor(supervisor::whyNot());
-  }
-  void TearDown() override {
-    EXPECT_LE(kPromisedPoints, counts.points);
-    EXPECT_EQ(0, counts.damaged + counts.untrue + counts.leaks + counts.crashes);
-    EXPECT_GE(kMostNotRemoved, counts.notRemoved);
-    EXPECT_GE(counts.points / kPassedOverShare, counts.passedOver);
-    sweep::add(counts.points, "failing calls");
-    sweep::add(counts.damaged, "damaged");
-    sweep::add(counts.succeeded, "true");
-    sweep::add(counts.untrue, "of them false");
-    sweep::add(counts.passedOver, "with a profile passed over");
-    sweep::add(counts.notRemoved, "with a file not removed, as stated");
-    sweep::add(counts.leaks, "descriptors or locks kept");
-    sweep::add(counts.crashes, "crashes");
-    sweep::add(counts.exceptions, "exceptions of the libraries");
-  }
-};
-
-const auto* const closing = testing::AddGlobalTestEnvironment(new Closing);
+                         sweep::nameOf);
 
 }  // namespace

@@ -11,14 +11,12 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <iostream>
 #include <set>
 #include <string>
 #include <utility>
 
 #include <gtest/gtest.h>
 
-#include "figures.h"
 #include "leftBehind.h"
 #include "operations.h"
 #include "store.h"
@@ -86,22 +84,16 @@ using operations::Operation;
 
 constexpr long kPromisedPoints = 2000;
 
-struct Counts {
-  long points = 0;
-  long exceptions = 0;
-  long succeeded = 0;
-  long damaged = 0;
-  long untrue = 0;
-  long leaks = 0;
-  long others = 0;  // answers that are not allowed
-};
+constexpr char kPoints[] = "failing allocations";
+constexpr char kDamaged[] = "damaged";
+constexpr char kSucceeded[] = "true";
+constexpr char kUntrue[] = "of them false";
+constexpr char kLeaks[] = "descriptors or locks kept";
+constexpr char kOthers[] = "other answers";
+constexpr char kExceptions[] = "exceptions";
 
-Counts counts;
-
-class FailingMemory : public testing::TestWithParam<Operation> {
- protected:
-  static void SetUpTestSuite() { sweep::prepare(); }
-};
+sweep::Counts counts("error-sweep/memory", kPromisedPoints,
+                     {kPoints, kDamaged, kSucceeded, kUntrue, kLeaks, kOthers, kExceptions});
 
 // With the allocation of that number failing. `met`: it came to that.
 std::string answerWithout(const Operation& operation, long number, bool& met) {
@@ -117,73 +109,41 @@ std::string answerWithout(const Operation& operation, long number, bool& met) {
 
 void judge(const Operation& operation, const std::string& answer,
            const std::set<int>& descriptors) {
-  ++counts.points;
-  const bool exception =
-      answer == "bad_alloc" || answer == "JSON exception" || answer == "lock exception";
-  counts.exceptions += exception ? 1 : 0;
-  if (answer != "true" && answer != "false" && !exception) {
-    ++counts.others;
-    ADD_FAILURE() << "answer: " << answer;
+  counts.count(kPoints);
+  if (operations::isException(answer)) {
+    counts.count(kExceptions);
+  } else if (answer != "true" && answer != "false") {
+    counts.fault(kOthers, answer);
   }
-  const std::string locks = heldLocks();
-  if (!locks.empty() || openDescriptors(getpid()).size() != descriptors.size()) {
-    ++counts.leaks;
-    ADD_FAILURE() << "kept:" << locks << ", or descriptors";
-  }
+  const bool closed = openDescriptors(getpid()).size() == descriptors.size();
+  counts.fault(kLeaks, heldLocks() + (closed ? "" : " descriptors"));
   const store::Found found = store::look();
-  const std::string damage = operations::damage(operation, found.documents) + found.strays;
-  if (!damage.empty()) {
-    ++counts.damaged;
-    ADD_FAILURE() << "damaged: " << damage;
-  }
+  counts.fault(kDamaged, operations::damage(operation, found.documents) + found.strays);
   if (answer != "true") return;
-  ++counts.succeeded;
-  const std::string wrong = operations::difference(operations::after(operation), found.documents);
-  if (!wrong.empty()) {
-    ++counts.untrue;
-    ADD_FAILURE() << "said true, but: " << wrong;
-  }
+  counts.count(kSucceeded);
+  counts.fault(kUntrue, operations::difference(operations::after(operation), found.documents));
 }
+
+class FailingMemory : public testing::TestWithParam<Operation> {};
 
 TEST_P(FailingMemory, AtEveryAllocation) {
   const Operation& operation = GetParam();
-  const store::Documents before = operations::before(operation);
   const std::set<int> descriptors = openDescriptors(getpid());
-  long number = 0;
-  for (;; ++number) {
-    store::reset(before);
+  sweep::atEveryPoint(operation, [&operation, &descriptors](long number) {
     bool met = false;
     const std::string answer = answerWithout(operation, number, met);
-    SCOPED_TRACE(std::string(operation.name) + " without allocation " + std::to_string(number));
-    if (!met) {  // there are not that many: unharmed, no point
+    SCOPED_TRACE("without allocation " + std::to_string(number));
+    if (met) {
+      judge(operation, answer, descriptors);
+    } else {  // unharmed
       EXPECT_EQ("true", answer);
       EXPECT_EQ("", operations::difference(operations::after(operation), store::look().documents));
-      break;
     }
-    judge(operation, answer, descriptors);
-  }
-  std::cout << operation.name << ": " << number << " allocations\n";
+    return met;
+  });
 }
 
 INSTANTIATE_TEST_SUITE_P(Operations, FailingMemory, testing::ValuesIn(operations::all()),
-                         [](const auto& row) { return row.param.name; });
-
-class Closing : public testing::Environment {
- public:
-  void SetUp() override { figures::open("error-sweep/memory"); }
-  void TearDown() override {
-    EXPECT_LE(kPromisedPoints, counts.points);
-    EXPECT_EQ(0, counts.damaged + counts.untrue + counts.leaks + counts.others);
-    sweep::add(counts.points, "failing allocations");
-    sweep::add(counts.damaged, "damaged");
-    sweep::add(counts.succeeded, "true");
-    sweep::add(counts.untrue, "of them false");
-    sweep::add(counts.leaks, "descriptors or locks kept");
-    sweep::add(counts.others, "other answers");
-    sweep::add(counts.exceptions, "exceptions");
-  }
-};
-
-const auto* const closing = testing::AddGlobalTestEnvironment(new Closing);
+                         sweep::nameOf);
 
 }  // namespace

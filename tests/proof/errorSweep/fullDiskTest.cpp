@@ -34,14 +34,15 @@ constexpr int kRulesForBytes = 100;
 constexpr rlim_t kStep = 512;  // bytes
 constexpr char kWhole[] = "size=16m";
 
-struct Counts {
-  long steps = 0;
-  long refused = 0;
-  long damaged = 0;
-  long untrue = 0;
-};
+constexpr long kSweeps = 4;
+constexpr long kPromisedDisks = kSweeps * (kPromisedSteps + 1);  // the last has room
 
-Counts counts;
+constexpr char kDisks[] = "full disks";
+constexpr char kDamaged[] = "damaged";
+constexpr char kSucceeded[] = "true";
+constexpr char kUntrue[] = "of them false";
+
+sweep::Counts counts("error-sweep/disk", kPromisedDisks, {kDisks, kDamaged, kSucceeded, kUntrue});
 
 FW::FWPROFILE large(const std::string& name, int count) {
   FW::FWRULE rule;
@@ -110,22 +111,20 @@ class ProfileDisk {
 
 // Old after "false", new after "true". Answers whether it was true.
 bool judge(const Operation& operation, const supervisor::Outcome& outcome) {
-  ++counts.steps;
+  counts.count(kDisks);
   EXPECT_FALSE(outcome.hung);
   EXPECT_EQ(0, outcome.signal);
   const store::Found found = store::look();
-  const std::string changed =
-      operations::difference(operations::before(operation), found.documents);
-  const std::string wrong = operations::difference(operations::after(operation), found.documents);
+  const auto differenceFrom = [&found](const store::Documents& expected) {
+    return operations::difference(expected, found.documents).substr(0, 200);
+  };
   if (outcome.answer == "true") {
-    counts.untrue += wrong.empty() ? 0 : 1;
-    EXPECT_TRUE(wrong.empty()) << wrong.substr(0, 200);
+    counts.count(kSucceeded);
+    counts.fault(kUntrue, differenceFrom(operations::after(operation)));
     return true;
   }
   EXPECT_EQ("false", outcome.answer);
-  ++counts.refused;
-  counts.damaged += changed.empty() && found.strays.empty() ? 0 : 1;
-  EXPECT_EQ("", changed.substr(0, 200) + found.strays);
+  counts.fault(kDamaged, differenceFrom(operations::before(operation)) + found.strays);
   return false;
 }
 
@@ -133,7 +132,6 @@ bool judge(const Operation& operation, const supervisor::Outcome& outcome) {
 void untilThereIsRoom(const Operation& operation,
                       const std::function<supervisor::Outcome(rlim_t step)>& tryWith,
                       const std::function<void()>& clearDisk) {
-  const long refusedBefore = counts.refused;
   store::reset(operations::before(operation));
   rlim_t step = 0;
   while (!judge(operation, tryWith(step)) && !testing::Test::HasFailure()) {
@@ -145,14 +143,11 @@ void untilThereIsRoom(const Operation& operation,
     store::reset(operations::before(operation));
     ++step;
   }
-  EXPECT_LE(kPromisedSteps, counts.refused - refusedBefore);
+  EXPECT_LE(kPromisedSteps, static_cast<long>(step));
   std::cout << operation.name << ": " << step << " steps\n";
 }
 
-class FullDisk : public testing::TestWithParam<Target> {
- protected:
-  static void SetUpTestSuite() { sweep::prepare(); }
-};
+class FullDisk : public testing::TestWithParam<Target> {};
 
 TEST_P(FullDisk, AtEveryBlock) {
   const Operation operation = storing(GetParam(), kRulesForBlocks);
@@ -193,20 +188,5 @@ const std::vector<Target> kTargets = {
 
 INSTANTIATE_TEST_SUITE_P(Documents, FullDisk, testing::ValuesIn(kTargets),
                          [](const auto& row) { return row.param.name; });
-
-class Closing : public testing::Environment {
- public:
-  void SetUp() override { figures::open("error-sweep/disk"); }
-  void TearDown() override {
-    EXPECT_LE(4 * kPromisedSteps, counts.refused);
-    EXPECT_EQ(0, counts.damaged + counts.untrue);
-    sweep::add(counts.steps, "full disks");
-    sweep::add(counts.damaged, "damaged");
-    sweep::add(counts.steps - counts.refused, "true");
-    sweep::add(counts.untrue, "of them false");
-  }
-};
-
-const auto* const closing = testing::AddGlobalTestEnvironment(new Closing);
 
 }  // namespace

@@ -10,6 +10,7 @@ namespace {
 struct Line {
   std::string suite;
   std::string counts;
+  std::string skipped;  // why, or empty
   std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
 };
 
@@ -26,6 +27,10 @@ std::string withCommas(std::uint64_t count) {
 }
 
 void print() {
+  if (!line().skipped.empty()) {
+    (void)std::printf("figures: %s: skipped: %s\n", line().suite.c_str(), line().skipped.c_str());
+    return;
+  }
   const auto spent = std::chrono::steady_clock::now() - line().start;
   (void)std::printf(
       "figures: %s: %s; %ld s\n", line().suite.c_str(), line().counts.c_str(),
@@ -42,6 +47,13 @@ void open(const std::string& suite) {
 void add(std::uint64_t count, const std::string& what) {
   std::string& counts = line().counts;
   counts += (counts.empty() ? "" : ", ") + withCommas(count) + " " + what;
+}
+
+void skipFor(const std::string& reason) {
+  constexpr int kSkipped = 77;  // exit status
+  if (reason.empty()) return;
+  line().skipped = reason;
+  std::exit(kSkipped);
 }
 
 int longer() {

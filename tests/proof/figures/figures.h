@@ -17,6 +17,10 @@ void open(const std::string& suite);
 // Adds "1,532 points" to the line.
 void add(std::uint64_t count, const std::string& what);
 
+// Ends the program as one that CTest is to count as skipped; its line is
+// "figures: SUITE: skipped: REASON". Does nothing without a reason.
+void skipFor(const std::string& reason);
+
 // The factor by which TARN_LONG makes the suites longer; 1 without it.
 int longer();
 

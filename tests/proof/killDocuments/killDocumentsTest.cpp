@@ -4,13 +4,13 @@
 
 #include <algorithm>
 #include <csignal>
-#include <iostream>
+#include <cstdint>
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "figures.h"
 #include "operations.h"
+#include "ownTime.h"
 #include "store.h"
 #include "supervisor.h"
 #include "sweep.h"
@@ -22,27 +22,27 @@ using operations::Operation;
 constexpr long kPromisedPoints = 1500;
 constexpr long kPatience = 1000;  // milliseconds
 
-// Of all operations.
-struct Counts {
-  long points = 0;
-  long acknowledged = 0;
-  long temporaries = 0;
-  long damaged = 0;
-  long undone = 0;
-  long strays = 0;
-  long stuck = 0;
-  long slowest = 0;  // milliseconds
-};
+constexpr char kPoints[] = "points";
+constexpr char kDamaged[] = "damaged";
+constexpr char kAcknowledged[] = "acknowledged";
+constexpr char kUndone[] = "of them undone";
+constexpr char kStrays[] = "strays";
+constexpr char kStuck[] = "next operations stuck";
+constexpr char kSlowest[] = "ms for the slowest";
+constexpr char kTemporaries[] = "temporary files left";
 
-Counts counts;
+sweep::Counts counts("kill-documents", kPromisedPoints,
+                     {kPoints, kDamaged, kAcknowledged, kUndone, kStrays, kStuck, kSlowest,
+                      kTemporaries},
+                     supervisor::whyNot);
 
 // The operation again and two others: "ANSWER ANSWER ANSWER MILLISECONDS", of the slowest.
 std::string nextOperations(const Operation& operation) {
-  const long start = sweep::ownMilliseconds();
+  const long start = figures::ownMilliseconds();
   const std::string again = operations::answer(operation);
-  const long middle = sweep::ownMilliseconds();
+  const long middle = figures::ownMilliseconds();
   const std::string others = operations::further();
-  const long slowest = std::max(middle - start, sweep::ownMilliseconds() - middle);
+  const long slowest = std::max(middle - start, figures::ownMilliseconds() - middle);
   return again + " " + others + " " + std::to_string(slowest);
 }
 
@@ -60,91 +60,49 @@ void expectNextOperationsWork(const Operation& operation, const store::Documents
   const std::string expected = refused ? "false true true " : "true true true ";
   const bool worked = next.answer.compare(0, expected.size(), expected) == 0;
   const long milliseconds = worked ? std::stol(next.answer.substr(expected.size())) : kPatience;
-  counts.slowest = std::max(counts.slowest, milliseconds);
+  const long slowest = static_cast<long>(counts.counted(kSlowest));
+  counts.count(kSlowest, static_cast<std::uint64_t>(std::max(milliseconds - slowest, 0L)));
   const std::string wrong = operations::difference(
       operations::afterFurther(refused ? documents : operations::after(operation)),
       store::look().documents);
   if (worked && milliseconds < kPatience && wrong.empty()) return;
-  ++counts.stuck;
-  ADD_FAILURE() << "the next operations: " << next.answer << (next.hung ? " (hung)" : "") << "\n"
-                << wrong;
+  counts.fault(kStuck, next.answer + (next.hung ? " (hung)" : "") + "\n" + wrong);
 }
 
 void judge(const Operation& operation, const supervisor::Outcome& outcome) {
   const store::Found found = store::look();
-  ++counts.points;
-  counts.temporaries += found.temporaries;
-  const std::string damage = operations::damage(operation, found.documents);
-  if (!damage.empty()) {
-    ++counts.damaged;
-    ADD_FAILURE() << "damaged: " << damage;
-  }
+  counts.count(kPoints);
+  counts.count(kTemporaries, static_cast<std::uint64_t>(found.temporaries));
+  counts.fault(kDamaged, operations::damage(operation, found.documents));
   if (outcome.answer == "true") {
-    ++counts.acknowledged;
-    const std::string wrong = operations::difference(operations::after(operation), found.documents);
-    if (!wrong.empty()) {
-      ++counts.undone;
-      ADD_FAILURE() << "said true, but: " << wrong;
-    }
+    counts.count(kAcknowledged);
+    counts.fault(kUndone, operations::difference(operations::after(operation), found.documents));
   }
-  if (!found.strays.empty()) {
-    ++counts.strays;
-    ADD_FAILURE() << "left behind:" << found.strays;
-  }
+  counts.fault(kStrays, found.strays);
   EXPECT_TRUE(outcome.answer.empty() || outcome.answer == "true") << outcome.answer;
   EXPECT_EQ(SIGKILL, outcome.signal);
   EXPECT_FALSE(outcome.hung);
   expectNextOperationsWork(operation, found.documents);
 }
 
-class KillDocuments : public testing::TestWithParam<Operation> {
- protected:
-  static void SetUpTestSuite() { sweep::prepare(); }
-};
+class KillDocuments : public testing::TestWithParam<Operation> {};
 
 TEST_P(KillDocuments, AtEveryCall) {
   const Operation& operation = GetParam();
-  const auto work = [&operation] { return operations::answer(operation); };
-  const store::Documents before = operations::before(operation);
-  const long pointsBefore = counts.points;
-  store::reset(before);
-  for (const int call : supervisor::callsOf(work, /*filesOnly=*/false)) {
-    for (long number = 0;; ++number) {
-      store::reset(before);
-      const supervisor::Outcome outcome = supervisor::run({call, number, /*kill=*/true}, work);
-      if (!outcome.harmed) break;  // there are not that many
-      SCOPED_TRACE(std::string(operation.name) + " killed at " + supervisor::nameOf(call) + " " +
-                   std::to_string(number));
-      judge(operation, outcome);
-    }
-  }
-  std::cout << operation.name << ": " << counts.points - pointsBefore << " calls\n";
+  const std::uint64_t acknowledged = counts.counted(kAcknowledged);
+  sweep::atEveryCall(operation, /*filesOnly=*/false, [&operation](int call, long point) {
+    const supervisor::Outcome outcome = supervisor::run(
+        {call, point, /*kill=*/true}, [&operation] { return operations::answer(operation); });
+    if (!outcome.harmed) return false;
+    SCOPED_TRACE("killed at " + supervisor::nameOf(call) + " " + std::to_string(point));
+    judge(operation, outcome);
+    return true;
+  });
+  // The call that ends the process comes after the answer.
+  EXPECT_LT(acknowledged, counts.counted(kAcknowledged));
 }
 
 INSTANTIATE_TEST_SUITE_P(Operations, KillDocuments, testing::ValuesIn(operations::all()),
-                         [](const auto& row) { return row.param.name; });
-
-// Counts what the others have found: the last in the program.
-class Closing : public testing::Environment {
- public:
-  void SetUp() override {
-    figures::open("kill-documents");
-    sweep::skipFor(supervisor::whyNot());
-  }
-  void TearDown() override {
-    EXPECT_LE(kPromisedPoints, counts.points);
-    EXPECT_EQ(0, counts.damaged + counts.undone + counts.strays + counts.stuck);
-    sweep::add(counts.points, "points");
-    sweep::add(counts.damaged, "damaged");
-    sweep::add(counts.acknowledged, "acknowledged");
-    sweep::add(counts.undone, "of them undone");
-    sweep::add(counts.strays, "strays");
-    sweep::add(counts.stuck, "next operations stuck");
-    sweep::add(counts.slowest, "ms for the slowest");
-    sweep::add(counts.temporaries, "temporary files left");
-  }
-};
-
-const auto* const closing = testing::AddGlobalTestEnvironment(new Closing);
+                         sweep::nameOf);
 
 }  // namespace

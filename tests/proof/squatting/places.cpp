@@ -4,16 +4,15 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <set>
 
 #include <json/value.h>
 
 #include "attacker.h"
+#include "ownTime.h"
 #include "processes.h"
 #include "tarnfirewall.h"
 #include "testFiles.h"
@@ -58,17 +57,6 @@ bool removeProfile() { return FW::TARNFW_JSON_DB().profileDelete("road"); }
 bool removeUnknownProfile() { return FW::TARNFW_JSON_DB().profileDelete("nosuch"); }
 
 bool everything() { return set() && storeProfile() && recordModules() && reload(); }
-
-// Milliseconds on the clock without those in which the process could have run and had no processor.
-long ownMilliseconds() {
-  constexpr long kNanoseconds = 1'000'000;
-  using std::chrono::milliseconds;
-  const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  long running = 0;
-  long ready = 0;  // nanoseconds; stays 0 where the kernel does not count it
-  std::ifstream("/proc/self/schedstat") >> running >> ready;
-  return std::chrono::duration_cast<milliseconds>(now).count() - ready / kNanoseconds;
-}
 
 // --- what is there ---
 
@@ -164,9 +152,9 @@ void reset() {
 std::string answer(bool (*operation)()) {
   processes::Child root([operation] {
     (void)alarm(kTooLong);
-    const long start = ownMilliseconds();
+    const long start = figures::ownMilliseconds();
     const std::string result = operation() ? "true" : "false";
-    return result + (ownMilliseconds() - start < 1000 ? "" : ", late");
+    return result + (figures::ownMilliseconds() - start < 1000 ? "" : ", late");
   });
   return root.answer();
 }
