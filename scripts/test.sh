@@ -1,8 +1,7 @@
 #!/bin/bash
-# Installs what it needs, builds and runs all tests: with g++ and warnings as errors, again under the
-# address and undefined-behaviour sanitizers, threads under the thread sanitizer, and every fuzz target, built by
-# clang, for a minute. clang's warnings on what is shipped come with clang-tidy. Ends with the figures of the
-# proofs and the summary of each run.
+# Installs what it needs, builds and runs all tests: with g++, again with clang under the address and
+# undefined-behaviour sanitizers, warnings as errors in both, threads under the thread sanitizer, and every fuzz
+# target for a minute. Ends with the figures of the proofs and the summary of each run.
 #
 #   scripts/test.sh [--fast | --long]
 #

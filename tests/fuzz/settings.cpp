@@ -60,8 +60,10 @@ std::string styled(const Json::Value& value) {
   std::string text = Json::StyledWriter().write(value);
   if (text.find("//") == std::string::npos && text.find("/*") == std::string::npos) return text;
   Json::Value read;
-  const bool same = Json::Reader().parse(text, read, /*collectComments=*/false) && read == value;
-  return same ? text : Json::StyledWriter().write(withoutComments(value));
+  const std::string bare = Json::StyledWriter().write(withoutComments(value));
+  const bool same = Json::Reader().parse(text, read, /*collectComments=*/false) &&
+                    Json::StyledWriter().write(read) == bare;
+  return same ? text : bare;
 }
 
 // What an operation is given; text that is no JSON stands for the usual change.

@@ -33,7 +33,8 @@ Truth truthOf(const Query& query, const std::string& adapter,
   const bool ofSource = query.port.portDirect == 1;
   const auto isAsked = [&](const Packet& packet) {
     const int port = ofSource ? packet.sourcePort : packet.destinationPort;
-    return interface == packet.interface && (query.port.protocol & packet.protocol) != 0 &&
+    return interface == packet.interface &&
+           (static_cast<int>(query.port.protocol) & static_cast<int>(packet.protocol)) != 0 &&
            range.first <= port && port <= range.last;
   };
 
