@@ -109,7 +109,7 @@ class Record {
   bool known_ = false;
 };
 
-// Is it the lock file at the place, or one that may become it?
+// Is it the lock file at the place? One that can be it becomes it, and is recorded.
 bool isOwn(const Place& place, const struct stat& status) {
   const Record record(place);
   const bool recorded = record.names(status);
