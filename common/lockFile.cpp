@@ -2,12 +2,11 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
-#include <stdio.h>
-#include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <utility>
 
 namespace tarn {
 
@@ -17,7 +16,6 @@ constexpr mode_t kMode = 0600;  // whoever can open the file can lock it
 constexpr char kOwnDirectory[] = "/run/tarn";
 constexpr mode_t kOwnDirectoryMode = 0755;
 constexpr char kGate[] = "/run/tarn/lock_gate";
-constexpr char kRecordPrefix[] = "/run/tarn/lock_file.";
 // With the callers' repetitions, a user who puts something at the name again and again is overcome
 // within a second: he must be faster than we are every time.
 constexpr int kAttemptsInGate = 100;
@@ -62,70 +60,10 @@ class Gate {
   bool busy_ = false;
 };
 
-// Which file is the lock file at a name of everybody's directory: the text "DEVICE:INODE" of a
-// symbolic link in ours. Where users may link files of others (fs.protected_hardlinks), one who
-// links our lock file makes it look like a file of somebody else's that he has linked to its name.
-// Taken away as such, it would be a lock for those who hold it and none for those who come.
-class Record {
- public:
-  explicit Record(const Place& lock) {
-    const int length = snprintf(path_, sizeof path_, "%s%s", kRecordPrefix, lock.name);
-    known_ = lock.shared && length < static_cast<int>(sizeof path_) && openOwnPlace(path_, &place_);
-  }
-  Record(const Record&) = delete;
-  Record& operator=(const Record&) = delete;
-
-  bool names(const struct stat& file) const {
-    Text text = {};
-    return known_ &&
-           readlinkat(place_.directory.get(), place_.name, text.text, sizeof text.text - 1) > 0 &&
-           strcmp(text.text, textOf(file).text) == 0;
-  }
-
-  void write(const struct stat& file) const {
-    if (!known_) {
-      return;
-    }
-    const int directory = place_.directory.get();
-    (void)unlinkat(directory, place_.name, 0);
-    (void)symlinkat(textOf(file).text, directory, place_.name);
-  }
-
- private:
-  struct Text {
-    char text[48];
-  };
-
-  static Text textOf(const struct stat& file) {
-    Text text = {};
-    (void)snprintf(text.text, sizeof text.text, "%llu:%llu",
-                   static_cast<unsigned long long>(file.st_dev),
-                   static_cast<unsigned long long>(file.st_ino));
-    return text;
-  }
-
-  char path_[PATH_MAX];
-  Place place_;
-  bool known_ = false;
-};
-
-// Is it the lock file at the place? One that can be it becomes it, and is recorded.
-bool isOwn(const Place& place, const struct stat& status) {
-  const Record record(place);
-  const bool recorded = record.names(status);
-  if (isOwnFile(status)) {
-    if (!recorded) {
-      record.write(status);
-    }
-    return true;
-  }
-  return recorded && isOurFile(status);
-}
-
 bool isOwnAt(const Place& place) {
   struct stat named = {};
   return fstatat(place.directory.get(), place.name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-         isOwn(place, named);
+         isOwnFile(named);
 }
 
 // What exists is opened without O_CREAT: the kernel refuses O_CREAT on a foreign file in a sticky
@@ -134,9 +72,35 @@ int openExisting(const Place& place) {
   return openat(place.directory.get(), place.name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
 }
 
-bool isOwnOpened(const Place& place, int fd) {
+bool isOwnOpened(int fd) {
   struct stat status = {};
-  return fstat(fd, &status) == 0 && isOwn(place, status);
+  return fstat(fd, &status) == 0 && isOwnFile(status);
+}
+
+// A lock file of ours that a user has linked, where fs.protected_hardlinks lets him: it looks as if
+// he had linked it to this name from elsewhere.
+bool isLinkedLockFile(int fd) {
+  struct stat status = {};
+  return fstat(fd, &status) == 0 && isOurFile(status) && status.st_nlink > 1 &&
+         (status.st_mode & 07777) == kMode && status.st_size == 0;
+}
+
+// Takes both kinds of lock on the file, until it is closed.
+bool lockWhole(int fd) {
+  struct flock lock = {};
+  lock.l_type = F_WRLCK;
+  return fcntl(fd, F_OFD_SETLK, &lock) == 0 && flock(fd, LOCK_EX | LOCK_NB) == 0;
+}
+
+// Clears the name of what is no lock file of ours, or none any more. Whoever holds a linked lock
+// file has the lock: it is cleared away by one who holds it himself meanwhile. Sets errno as below.
+void clear(const Place& place, Descriptor file, Report report) {
+  int error = EBUSY;
+  if (!file.valid() || !isLinkedLockFile(file.get()) || lockWhole(file.get())) {
+    error = clearName(place, report) ? EEXIST : errno == EBUSY ? EPERM : errno;
+  }
+  file.reset();
+  errno = error;
 }
 
 bool hasMode(int fd) {
@@ -146,8 +110,8 @@ bool hasMode(int fd) {
 
 // Makes the lock file, or opens one that somebody was faster to make, or clears the name. Invalid
 // with errno set; EEXIST: the name has changed meanwhile or was cleared, try again; EWOULDBLOCK: a
-// file server has leased the file, wait. Making it comes first, so that nothing lies between
-// clearing the name and the next attempt.
+// file server has leased the file; EBUSY: it is linked, and held. Making it comes first, so that
+// nothing lies between clearing the name and the next attempt.
 Descriptor makeLockFile(const Place& place, Report report) {
   Descriptor file(openat(place.directory.get(), place.name,
                          O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode));
@@ -162,12 +126,9 @@ Descriptor makeLockFile(const Place& place, Report report) {
     errno = EWOULDBLOCK;
     return file;
   }
-  if (!file.valid() || !isOwnOpened(place, file.get())) {
-    file.reset();
-    if (clearName(place, report)) {
-      errno = EEXIST;
-    }
-    return file;
+  if (!file.valid() || !isOwnOpened(file.get())) {
+    clear(place, std::move(file), report);
+    return Descriptor();
   }
   if (!hasMode(file.get())) {
     file.reset();
@@ -179,13 +140,13 @@ Descriptor makeLockFile(const Place& place, Report report) {
 
 Descriptor openLockFile(const Place& place, Report report) {
   Descriptor file(openExisting(place));
-  if (file.valid() && isOwnOpened(place, file.get()) && hasMode(file.get())) {
+  if (file.valid() && isOwnOpened(file.get()) && hasMode(file.get())) {
     return file;
   }
   file.reset();
   const Gate gate(place);
   if (gate.busy()) {
-    errno = EWOULDBLOCK;
+    errno = EBUSY;
     return file;
   }
   for (int i = 0; i < kAttemptsInGate; ++i) {

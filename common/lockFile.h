@@ -13,7 +13,9 @@ namespace tarn {
 // away, of which `report` is told once. Never follows a link and never waits. Invalid with errno
 // set:
 //   EEXIST       the name changes all the time; try again at once
-//   EWOULDBLOCK  a file server has leased the file, or another process is about to make it; wait
+//   EWOULDBLOCK  a file server has leased the file; wait
+//   EBUSY        another process of ours is about to make it, or holds it while it has a second
+//                link; wait
 Descriptor openLockFile(const Place& place, Report report);
 
 // Does the name still lead to the opened file? Asked after locking: what was locked is no lock any

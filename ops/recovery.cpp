@@ -69,7 +69,8 @@ std::vector<std::string> policiesIn(const std::string& file) {
 }
 
 // The records that count. A worker leads the session of its tools.
-std::vector<Record> readRecords() {
+//   unread  why not all could be read, or empty
+std::vector<Record> readRecords(std::string& unread) {
   std::vector<Record> records;
   const ProcessId own = ownProcess();
   std::error_code error;
@@ -82,6 +83,8 @@ std::vector<Record> readRecords() {
     const bool done = ours || !anyoneIn(worker->number);
     records.push_back({entry->path(), policiesIn(entry->path()), done});
   }
+  const bool absent = error == std::errc::no_such_file_or_directory;
+  if (error && !absent) unread = std::string(kRuntimeDirectory) + ": " + error.message();
   return records;
 }
 
@@ -180,15 +183,20 @@ void forgetOpenPolicies() {
   (void)unlink(recordOf(ownProcess()).c_str());  // often there is none
 }
 
-std::vector<std::string> recordedOpenPolicies() { return policiesOf(readRecords()); }
+std::vector<std::string> recordedOpenPolicies() {
+  std::string unread;  // by those who look on; recover() says it
+  return policiesOf(readRecords(unread));
+}
 
 Recovery recover(LiveFilter& filter) {
   // Who is left is asked before the tables are read: a tool that ends in between has closed its
   // policy after that, and its worker's record is still needed.
-  const std::vector<Record> records = readRecords();
+  std::string lost;
+  const std::vector<Record> records = readRecords(lost);
   std::string unread;
   (void)readFilter(filter, unread);  // planned for what could be read
   Recovery recovery = planFor(filter, policiesOf(records), unread);
+  if (!lost.empty()) recovery.errors.push_back(lost);
   for (const Command& command : recovery.commands) {
     const ToolRun result = run(command);
     if (result.status != 0) recovery.errors.push_back(command.text() + ": " + result.words());

@@ -52,6 +52,7 @@ run() {  # run PRESET [CTEST-OPTION...]; a failure is remembered, the other test
   local preset=$1
   shift
   echo "== $preset" | tee -a "$log"
+  rm -f "build/$preset/Testing/Temporary/LastTest.log"
   ctest --preset "$preset" "$@" 2>&1 | tee -a "$log" || failed=yes
 }
 
@@ -71,7 +72,9 @@ run tsan -j "$(nproc)" -L many-at-once
 run fuzz -j "$(nproc)"
 run dev -j "$(($(nproc) + 2))"
 echo
-grep -ahE '^figures: ' build/{fuzz,tsan,dev}/Testing/Temporary/LastTest.log || failed=yes
+for preset in fuzz tsan dev; do
+  grep -ahE '^figures: ' "build/$preset/Testing/Temporary/LastTest.log" || failed=yes
+done
 echo "test.sh: $(((SECONDS - began) / 60)) minutes on $(nproc) processors"
 grep -E '^== |tests passed|^\s+[0-9]+ - .*\(|^Total Test time' "$log"
 [ -z "$failed" ]

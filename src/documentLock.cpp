@@ -26,17 +26,21 @@ constexpr int kAttempts = 100;        // each of which is many: see openLockFile
 constexpr int kPauses = 100;          // a second in all
 constexpr useconds_t kPause = 10000;  // microseconds
 
-// The lock file, opened and checked. Invalid with errno set.
-tarn::Descriptor openLockFile(const tarn::Place& place) {
+// The lock file, opened and checked. Invalid with errno set, EBUSY: not to be had by the deadline.
+tarn::Descriptor openLockFile(const tarn::Place& place, const ptime& deadline) {
   int pauses = 0;
   for (int attempt = 0; attempt < kAttempts;) {
     tarn::Descriptor file = tarn::openLockFile(place, /*report=*/nullptr);
     if (file.valid()) return file;
-    if (errno == EWOULDBLOCK && ++pauses <= kPauses) {
+    const int error = errno;
+    const bool leased = error == EWOULDBLOCK && ++pauses <= kPauses;
+    const bool busy = error == EBUSY && microsec_clock::universal_time() < deadline;
+    if (leased || busy) {
       (void)usleep(kPause);
-    } else if (errno == EEXIST) {
+    } else if (error == EEXIST) {
       ++attempt;
     } else {
+      errno = error;
       return file;
     }
   }
@@ -59,29 +63,30 @@ int descriptorOf(const file_lock& lock, int ours) {
 
 }  // namespace
 
-DocumentLock::DocumentLock(std::string lockFile) : path_(std::move(lockFile)) { open(); }
+DocumentLock::DocumentLock(std::string lockFile) : path_(std::move(lockFile)) {}
 
 bool DocumentLock::take() {
   const ptime deadline =
       microsec_clock::universal_time() + boost::posix_time::seconds(kLockTimeoutSeconds);
-  for (;;) {
+  do {
+    if (!open(deadline)) return false;
     held_.emplace(*lock_, deadline);
     if (!held_->owns()) return false;
     if (tarn::isStill(place_, file_.get())) return true;
     held_.reset();
-    if (microsec_clock::universal_time() >= deadline) return false;
-    open();
-  }
+  } while (microsec_clock::universal_time() < deadline);
+  return false;
 }
 
 // The lock library opens by name, follows links and leaves its descriptor open across exec. So the
 // file is opened and checked here first, the library is pointed at that very file, and its
 // descriptor is marked.
-void DocumentLock::open() {
+bool DocumentLock::open(const ptime& deadline) {
   lock_.reset();
   file_.reset();
   if (!tarn::openPlace(path_.c_str(), &place_)) throw interprocess_exception(error_info(errno));
-  file_ = openLockFile(place_);
+  file_ = openLockFile(place_, deadline);
+  if (!file_.valid() && errno == EBUSY) return false;
   if (!file_.valid()) throw interprocess_exception(error_info(errno));
   const std::string checked = "/proc/self/fd/" + std::to_string(file_.get());
   const bool mounted = access(checked.c_str(), F_OK) == 0;
@@ -89,6 +94,7 @@ void DocumentLock::open() {
   const int number = descriptorOf(*lock_, file_.get());
   if (number < 0) throw interprocess_exception(error_info(ESTALE));
   (void)fcntl(number, F_SETFD, FD_CLOEXEC);
+  return true;
 }
 
 }  // namespace FW

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/interprocess/sync/file_lock.hpp>
 #include <boost/interprocess/sync/scoped_lock.hpp>
 
@@ -29,7 +30,8 @@ class DocumentLock {
   bool take();
 
  private:
-  void open();
+  // False when it could not be had by the deadline.
+  bool open(const boost::posix_time::ptime& deadline);
 
   // Destroyed from the last to the first: closing any descriptor of the file ends the record lock.
   std::string path_;

@@ -46,9 +46,9 @@ Attempt tryLock(const char* path, bool log, Descriptor* lock) {
   }
   Descriptor file = tarn::openLockFile(place, log ? tarnplatform::saySquatter : nullptr);
   if (!file.valid()) {
-    return errno == EWOULDBLOCK                ? Attempt::kBusy
-           : errno == EEXIST || errno == EINTR ? Attempt::kMoved
-                                               : Attempt::kFailed;
+    return errno == EWOULDBLOCK || errno == EBUSY ? Attempt::kBusy
+           : errno == EEXIST || errno == EINTR    ? Attempt::kMoved
+                                                  : Attempt::kFailed;
   }
   if (flock(file.get(), LOCK_EX | LOCK_NB) != 0 || !setRecordLock(file.get(), F_WRLCK)) {
     const bool busy = errno == EWOULDBLOCK || errno == EACCES || errno == EINTR;

@@ -149,8 +149,7 @@ bool TARNFW_JSON_DB::profileDbRemove(const std::string& name) {
   const std::string lockFile = getLockFile(path);
   std::optional<DocumentLock> lock;
   try {
-    lock.emplace(lockFile);
-    (void)lock->take();
+    if (!path.empty()) (void)lock.emplace(lockFile).take();
   } catch (const boost::interprocess::interprocess_exception&) {
     lock.reset();
   }

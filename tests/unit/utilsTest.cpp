@@ -583,12 +583,21 @@ TEST_P(Squatted, LockFileInTmp) {
   EXPECT_EQ("(absent)", files::read("/tmp/made"));
 }
 
-TEST_F(Utils, LockFileInTmpThatIsLinkedStaysTheLockFile) {
+TEST_F(Utils, LockFileInTmpThatIsLinkedWhileItIsHeldIsWaitedFor) {
+  constexpr char kInTmp[] = "/tmp/firewall_settings.json.lock";
   fake::machine().answers = {{"mkdir /var/lock/firewall/", {-1, EROFS}}};
   EXPECT_TRUE(jsonFileDump(toJson("[1]"), kDocument));
-  ASSERT_EQ(0, link("/tmp/firewall_settings.json.lock", "/tmp/linked"));
+  processes::LockHolder holder(kInTmp);
+  ASSERT_EQ(0, link(kInTmp, "/tmp/linked"));
+  std::thread releases([&holder] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    holder.release();
+  });
+  const auto begin = std::chrono::steady_clock::now();
   EXPECT_TRUE(jsonFileDump(toJson("[2]"), kDocument));
-  EXPECT_EQ("100600 2 links, owner 0", modeOf("/tmp/firewall_settings.json.lock"));
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1400));
+  releases.join();
+  EXPECT_EQ("100600 1 links, owner 0", modeOf(kInTmp));
   (void)trace::take();
 }
 

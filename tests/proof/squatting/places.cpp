@@ -122,7 +122,7 @@ const std::vector<std::string>& closedPlaces() {
   static const std::vector<std::string> kAll = {
       "/var/lock/firewall/firewall_settings.json.lock", "/var/lock/firewall/1.json.lock",
       "/var/lock/firewall/iptables_serv_mod_list.lock", "/run/tarn/iptables_modules", "/run/tarn/iptables_modules.lock",
-      "/run/tarn/base_chains.lock", "/run/tarn/lock_gate", "/run/tarn/lock_file.firewall_iptables_exec.lock", "/run/tarn/open_policies.1.2.json", "/run/tarn/pppoe_interface", "/run/xtables.lock.1", "/run/ppp-link.pid",
+      "/run/tarn/base_chains.lock", "/run/tarn/lock_gate", "/run/tarn/open_policies.1.2.json", "/run/tarn/pppoe_interface", "/run/xtables.lock.1", "/run/ppp-link.pid",
       "/usr/tarn/etc/firewall.d/2.json", "/usr/tarn/etc/firewall.d/2.json.tmp", "/usr/tarn/etc/firewall.d/firewall_settings.json.tmp"};
   return kAll;
 }

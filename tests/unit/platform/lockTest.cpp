@@ -367,7 +367,7 @@ TEST_F(LockFile, MadeByAnotherIsNotRemovedForWhatStoodThere) {
   ASSERT_EQ(1, take(1, &fd)) << std::strerror(errno);
   EXPECT_EQ(0, result) << "both have the lock";
   EXPECT_EQ(nullptr, beforeUnlink);
-  EXPECT_EQ("lock_file.lock lock_gate", files::listing("/run/tarn"));
+  EXPECT_EQ("lock_gate", files::listing("/run/tarn"));
   EXPECT_EQ(kOwn, statusOf("/run/tarn/lock_gate"));
   EXPECT_EQ(1, TLIBCFileUnlockByFile(fd));
   if (result == 1) (void)TLIBCFileUnlockByFile(others);
@@ -381,20 +381,26 @@ TEST_F(LockFile, LinkedWhileItIsHeldExcludesAllTheSame) {
   ASSERT_EQ(1, take(0, &fd));
   ASSERT_EQ(0, link(kLock, other.c_str()));
   EXPECT_EQ("held", state());
+  EXPECT_EQ("100600 2 links, owner 0", statusOf(kLock));
   EXPECT_EQ(1, TLIBCFileUnlockByFile(fd));
   EXPECT_EQ("free", state());
-  EXPECT_EQ("100600 2 links, owner 0", statusOf(kLock));
+  EXPECT_EQ(kOwn, statusOf(kLock)) << "nobody holds it: a new one";
+  EXPECT_EQ(kRemovedRoots, trace::take());
 }
 
-// Somebody's lock file is not ours because it has been ours under another name.
-TEST_F(LockFile, LinkToAnotherLockFileIsRemoved) {
+// Somebody takes the lock file that is about to be cleared away for its second link.
+TEST_F(LockFile, LinkedAndTakenMeanwhileIsNoLockAnyMore) {
   const std::string other = std::string(kLock) + ".other";
+  run(std::string("touch ") + kLock + "; chmod 600 " + kLock);
+  const int early = open(kLock, O_RDWR | O_CLOEXEC);  // when it was the lock file
+  ASSERT_EQ(0, link(kLock, other.c_str()));
+  bool taken = true;
+  beforeUnlink = [early, &taken] { taken = flock(early, LOCK_EX | LOCK_NB) == 0; };
   int fd = -1;
-  ASSERT_EQ(1, TLIBCFileLockTimeByFile(other.c_str(), 1, 0, &fd));
-  ASSERT_EQ(0, link(other.c_str(), kLock));
-  EXPECT_EQ("free", state());
-  EXPECT_EQ(kOwn, statusOf(kLock));
+  ASSERT_EQ(1, take(0, &fd));
+  EXPECT_FALSE(taken) << "both have the lock";
   EXPECT_EQ(1, TLIBCFileUnlockByFile(fd));
+  (void)close(early);
   EXPECT_EQ(kRemovedRoots, trace::take());
 }
 
